@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Builds and runs every test suite: host (RelWithDebInfo), ASan+UBSan,
+# ThreadSanitizer (threaded suites), the 32-bit ARM target under qemu, and the
+# bounded fuzz runs. Exits non-zero on the first failing stage.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+JOBS=${JOBS:-$(nproc)}
+FUZZ_SECONDS=${FUZZ_SECONDS:-60}
+
+scripts/install-deps.sh
+
+stage() { echo; echo "=== $*"; }
+
+run_preset() {
+  local p=$1
+  stage "configure/build/test: $p"
+  cmake --preset "$p" >/dev/null
+  cmake --build --preset "$p" -j "$JOBS"
+  ctest --preset "$p" -j "$JOBS"
+}
+
+run_preset default
+run_preset asan
+run_preset tsan
+if [ -x scripts/armhf.sh ]; then
+  stage "32-bit ARM target under qemu"
+  scripts/armhf.sh
+fi
+if [ -x scripts/fuzz.sh ]; then
+  stage "fuzz targets, ${FUZZ_SECONDS}s each"
+  FUZZ_SECONDS=$FUZZ_SECONDS scripts/fuzz.sh
+fi
+stage "all test stages passed"

@@ -1,0 +1,32 @@
+#include "common/kerm_internal.h"
+
+#include <stdio.h>
+#include <string.h>
+
+namespace kerm {
+
+const char *platform_path(const char *fixed, char *out, size_t out_size) noexcept {
+    const char *root = getenv("KERM_UTIL_ROOT");
+    if (root == nullptr || root[0] == '\0' || out == nullptr || out_size == 0) return fixed;
+    int n = snprintf(out, out_size, "%s%s", root, fixed);
+    if (n < 0 || static_cast<size_t>(n) >= out_size) return fixed;
+    return out;
+}
+
+void lock_or_abort(pthread_mutex_t *m) noexcept {
+    if (pthread_mutex_lock(m) != 0) abort();
+}
+
+void unlock_or_abort(pthread_mutex_t *m) noexcept {
+    if (pthread_mutex_unlock(m) != 0) abort();
+}
+
+int sem_wait_nointr(sem_t *s) noexcept {
+    int rc;
+    do {
+        rc = sem_wait(s);
+    } while (rc != 0 && errno == EINTR);
+    return rc;
+}
+
+}  // namespace kerm
