@@ -127,15 +127,6 @@ TEST_F(FileTest, LoadFailuresLogAndSetLengthOnlyAfterOpen) {
     EXPECT_NE(out.find("Cannot open file (null)"), std::string::npos) << out;
 }
 
-TEST_F(FileTest, TraceLineFollowsTheModuleThreshold) {
-    vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x70, VASK_LOG_WARNING);
-    std::string out = console_of([&] {
-        uint32_t len = 0;
-        free(vask_load_file(digits_.c_str(), 0, 0, &len));
-    });
-    EXPECT_EQ(out.find("load file:"), std::string::npos) << out;
-}
-
 TEST_F(FileTest, WriteModeFillsUpToSizeAndCloseCutsToWrittenLength) {
     const std::string p = dir_.path("out.bin");
     MmapFile f{};
