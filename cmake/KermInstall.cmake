@@ -25,8 +25,6 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/kerm_utilConfigVers
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kerm_utilConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/kerm_utilConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kerm_util)
-# Relocatable: the prefix is found from where the .pc file lies.
-file(RELATIVE_PATH KERM_PC_TO_PREFIX ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 # The pkg-config file finds its prefix from its own place, so an installed
 # tree can move (staging directory, device image).
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
