@@ -79,8 +79,9 @@ int run_tlv(int argc, char **argv) {
             len = rec[1];
         }
         const uint8_t *value = rec + (dd ? DDTLV_HEAD_SIZE : SSTLV_HEAD_SIZE);
-        printf("%-8zu  0x%0*x  %-6u ", static_cast<size_t>(rec - data), dd ? 4 : 2, type, len);
-        if (!dd) printf("  ");
+        char type_text[8];
+        snprintf(type_text, sizeof type_text, "0x%0*x", dd ? 4 : 2, type);
+        printf("%-8zu  %-6s  %-6u ", static_cast<size_t>(rec - data), type_text, len);
         for (unsigned i = 0; i < len; ++i) printf(" %02x", value[i]);
         printf("\n");
     }
