@@ -42,35 +42,34 @@ TEST(CrcCheckValues, EmptyOrNullDataReturnsTheSeed) {
     }
 }
 
-TEST(CrcFrames, Crc16AppendStoresLittleEndianAndReturnsHighByte) {
-    uint8_t frame[11] = {'1', '2', '3', '4', '5', '6', '7', '8', '9', 0xEE, 0xEE};
-    EXPECT_EQ(vask_util_crc16_append(frame, sizeof frame, 0), 0x21);
-    EXPECT_EQ(frame[9], 0x89);
-    EXPECT_EQ(frame[10], 0x21);
-    EXPECT_EQ(vask_util_crc16_verify(frame, sizeof frame, 0), KERM_OK);
-    EXPECT_EQ(vask_util_crc16_verify(frame, sizeof frame, 0xFFFF), KERM_ERR_FAIL);
+TEST(CrcFrames, AppendPlacesTheChecksumAndVerifyCatchesAnyChange) {
+    uint8_t f16[11] = {'1', '2', '3', '4', '5', '6', '7', '8', '9', 0xEE, 0xEE};
+    EXPECT_EQ(vask_util_crc16_append(f16, sizeof f16, 0), 0x21);  // high byte only
+    EXPECT_EQ(f16[9], 0x89);
+    EXPECT_EQ(f16[10], 0x21);
+    EXPECT_EQ(vask_util_crc16_verify(f16, sizeof f16, 0), KERM_OK);
+    EXPECT_EQ(vask_util_crc16_verify(f16, sizeof f16, 0xFFFF), KERM_ERR_FAIL);
 
-    for (size_t i : {size_t{0}, size_t{9}, size_t{10}}) {
-        uint8_t bad[11];
-        memcpy(bad, frame, sizeof bad);
-        bad[i] ^= 0x01;
-        EXPECT_EQ(vask_util_crc16_verify(bad, sizeof bad, 0), KERM_ERR_FAIL) << "byte " << i;
+    uint8_t f8[10] = {'1', '2', '3', '4', '5', '6', '7', '8', '9', 0x00};
+    EXPECT_EQ(vask_util_crc8_append(f8, sizeof f8, 0), 0xA1);
+    EXPECT_EQ(f8[9], 0xA1);
+    EXPECT_EQ(vask_util_crc8_verify(f8, sizeof f8, 0), KERM_OK);
+
+    for (size_t i : {size_t{0}, size_t{8}, size_t{9}, size_t{10}}) {
+        if (i < sizeof f8) {
+            f8[i] ^= 0x80;
+            EXPECT_EQ(vask_util_crc8_verify(f8, sizeof f8, 0), KERM_ERR_FAIL) << "byte " << i;
+            f8[i] ^= 0x80;
+        }
+        f16[i] ^= 0x01;
+        EXPECT_EQ(vask_util_crc16_verify(f16, sizeof f16, 0), KERM_ERR_FAIL) << "byte " << i;
+        f16[i] ^= 0x01;
     }
-}
 
-TEST(CrcFrames, Crc8AppendStoresLastByte) {
-    uint8_t frame[10] = {'1', '2', '3', '4', '5', '6', '7', '8', '9', 0x00};
-    EXPECT_EQ(vask_util_crc8_append(frame, sizeof frame, 0), 0xA1);
-    EXPECT_EQ(frame[9], 0xA1);
-    EXPECT_EQ(vask_util_crc8_verify(frame, sizeof frame, 0), KERM_OK);
-    frame[9] ^= 0x80;
-    EXPECT_EQ(vask_util_crc8_verify(frame, sizeof frame, 0), KERM_ERR_FAIL);
-
-    // A frame of only the checksum byte carries the seed.
-    uint8_t one[1] = {0};
+    // A frame of only the checksum carries the seed.
+    uint8_t one[1] = {0}, two[2] = {0, 0};
     EXPECT_EQ(vask_util_crc8_append(one, 1, 0x5A), 0x5A);
     EXPECT_EQ(one[0], 0x5A);
-    uint8_t two[2] = {0, 0};
     EXPECT_EQ(vask_util_crc16_append(two, 2, 0xBEEF), 0xBE);
     EXPECT_EQ(two[0], 0xEF);
     EXPECT_EQ(two[1], 0xBE);

@@ -15,87 +15,33 @@ uint16_t u16_at(const uint8_t *p) {
     return v;
 }
 
-TEST(TlvDd, RecordsPackBackToBackAndWalkBack) {
-    uint8_t buf[32];
+TEST(Tlv, DdRecordsPackBackToBackAndWalkBack) {
+    uint8_t buf[20];
     memset(buf, 0xCC, sizeof buf);
     uint8_t *cur = buf;
-    int32_t rem = sizeof buf;
-    EXPECT_EQ(ddtlv_add(&cur, &rem, 0x0102, 3, "abc"), 25);
-    EXPECT_EQ(ddtlv_add(&cur, &rem, 0xBEEF, 0, nullptr), 21);
-    EXPECT_EQ(ddtlv_add(&cur, &rem, 7, 1, "z"), 16);
+    int32_t rem = 16;
+    EXPECT_EQ(ddtlv_add(&cur, &rem, 0x0102, 3, "abc"), 9);
+    EXPECT_EQ(ddtlv_add(&cur, &rem, 0xBEEF, 0, nullptr), 5);
+    EXPECT_EQ(ddtlv_add(&cur, &rem, 7, 1, "z"), 0);  // exactly fills
     EXPECT_EQ(cur, buf + 16);
-    EXPECT_EQ(rem, 16);
-
-    // Native order header, value directly behind, no padding.
+    // Native-order header, value directly behind, no padding.
     EXPECT_EQ(u16_at(buf), 0x0102);
     EXPECT_EQ(u16_at(buf + 2), 3);
     EXPECT_EQ(memcmp(buf + 4, "abc", 3), 0);
     EXPECT_EQ(u16_at(buf + 7), 0xBEEF);
     EXPECT_EQ(u16_at(buf + 9), 0);
-    EXPECT_EQ(u16_at(buf + 11), 7);
     EXPECT_EQ(buf[16], 0xCC);
 
     uint8_t *walk = buf;
     int32_t left = 16;
     EXPECT_EQ(ddtlv_get_next(&walk, &left), buf);
-    EXPECT_EQ(ddtlv_get_next(&walk, &left), buf + 7);
+    EXPECT_EQ(ddtlv_get_next(&walk, &left), buf + 7);  // the empty record: header only
     EXPECT_EQ(ddtlv_get_next(&walk, &left), buf + 11);
     EXPECT_EQ(left, 0);
-    EXPECT_EQ(walk, buf + 16);
     EXPECT_EQ(ddtlv_get_next(&walk, &left), nullptr);
 }
 
-TEST(TlvDd, ExactFillSucceedsWithNothingLeft) {
-    uint8_t buf[10];
-    uint8_t *cur = buf;
-    int32_t rem = 10;
-    EXPECT_EQ(ddtlv_add(&cur, &rem, 1, 6, "123456"), 0);
-    EXPECT_EQ(rem, 0);
-    EXPECT_EQ(cur, buf + 10);
-}
-
-TEST(TlvDd, EmptyRecordOccupiesItsHeaderOnly) {
-    uint8_t buf[4] = {9, 0, 0, 0};
-    uint8_t *cur = buf;
-    int32_t rem = 4;
-    EXPECT_EQ(ddtlv_get_next(&cur, &rem), buf);
-    EXPECT_EQ(rem, 0);
-    EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
-}
-
-TEST(TlvWalk, ShortOrTruncatedRecordsStopWithoutMoving) {
-    // Fewer bytes than a header: no read at all (the page is inaccessible).
-    long page = sysconf(_SC_PAGESIZE);
-    void *guard = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(guard, MAP_FAILED);
-    uint8_t *cur = static_cast<uint8_t *>(guard);
-    int32_t rem = 3;
-    EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
-    rem = 1;
-    EXPECT_EQ(sstlv_get_next(&cur, &rem), nullptr);
-    rem = -5;
-    EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
-    munmap(guard, page);
-
-    // Length runs past the remaining bytes.
-    uint8_t dd[8] = {1, 0, 5, 0, 'a', 'b', 'c', 'd'};
-    cur = dd;
-    rem = 8;
-    EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
-    EXPECT_EQ(cur, dd);
-    EXPECT_EQ(rem, 8);
-    uint8_t ss[4] = {1, 3, 'a', 'b'};
-    cur = ss;
-    rem = 4;
-    EXPECT_EQ(sstlv_get_next(&cur, &rem), nullptr);
-    EXPECT_EQ(cur, ss);
-    EXPECT_EQ(rem, 4);
-    rem = 5;  // the caller vouches for one more byte
-    EXPECT_EQ(sstlv_get_next(&cur, &rem), ss);
-    EXPECT_EQ(rem, 0);
-}
-
-TEST(TlvSs, RoundTripWithLongestValue) {
+TEST(Tlv, SsRoundTripWithLongestValue) {
     uint8_t value[255];
     for (int i = 0; i < 255; ++i) value[i] = static_cast<uint8_t>(i);
     uint8_t buf[2 + 255 + 2];
@@ -106,21 +52,43 @@ TEST(TlvSs, RoundTripWithLongestValue) {
 
     uint8_t *walk = buf;
     int32_t left = sizeof buf;
-    uint8_t *rec = sstlv_get_next(&walk, &left);
-    ASSERT_EQ(rec, buf);
-    EXPECT_EQ(rec[0], 0xA5);
-    EXPECT_EQ(rec[1], 255);
-    EXPECT_EQ(memcmp(rec + 2, value, 255), 0);
-    rec = sstlv_get_next(&walk, &left);
-    ASSERT_EQ(rec, buf + 257);
-    EXPECT_EQ(rec[0], 0x5A);
-    EXPECT_EQ(left, 0);
+    EXPECT_EQ(sstlv_get_next(&walk, &left), buf);
+    EXPECT_EQ(sstlv_get_next(&walk, &left), buf + 257);
+    EXPECT_EQ(buf[0], 0xA5);
+    EXPECT_EQ(buf[1], 255);
+    EXPECT_EQ(memcmp(buf + 2, value, 255), 0);
+    EXPECT_EQ(buf[257], 0x5A);
 }
 
-TEST(TlvArgs, NullArgumentsAreRefusedWithoutWriting) {
+TEST(Tlv, ShortOrTruncatedRecordsStopWithoutMoving) {
+    // Fewer bytes than a header: no read at all (the page is inaccessible).
+    long page = sysconf(_SC_PAGESIZE);
+    void *guard = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(guard, MAP_FAILED);
+    uint8_t *cur = static_cast<uint8_t *>(guard);
+    for (int32_t rem : {3, -5}) EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
+    int32_t one = 1;
+    EXPECT_EQ(sstlv_get_next(&cur, &one), nullptr);
+    munmap(guard, page);
+
+    // Length runs past the remaining bytes.
+    uint8_t dd[8] = {1, 0, 5, 0, 'a', 'b', 'c', 'd'};
+    cur = dd;
+    int32_t rem = 8;
+    EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
+    EXPECT_EQ(cur, dd);
+    EXPECT_EQ(rem, 8);
+    uint8_t ss[4] = {1, 3, 'a', 'b'};
+    cur = ss;
+    rem = 4;
+    EXPECT_EQ(sstlv_get_next(&cur, &rem), nullptr);
+    EXPECT_EQ(cur, ss);
+    EXPECT_EQ(rem, 4);
+}
+
+TEST(Tlv, NullArgumentsAreRefusedWithoutWriting) {
     uint8_t buf[8] = {};
-    uint8_t *cur = buf;
-    uint8_t *none = nullptr;
+    uint8_t *cur = buf, *none = nullptr;
     int32_t rem = 8;
     EXPECT_EQ(ddtlv_add(nullptr, &rem, 1, 0, nullptr), KERM_ERR_PARAM);
     EXPECT_EQ(ddtlv_add(&none, &rem, 1, 0, nullptr), KERM_ERR_PARAM);
@@ -135,7 +103,8 @@ TEST(TlvArgs, NullArgumentsAreRefusedWithoutWriting) {
 }
 
 // Overflow: the record lands first (past the caller's count), then the
-// process reports and exits. A shared page lets the parent see the write.
+// process reports on stdout and exits. A shared page lets the parent see the
+// write; the child's stdout goes to stderr, where the death test looks.
 class TlvOverflowDeathTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -148,7 +117,7 @@ protected:
     uint8_t *page_ = nullptr;
 };
 
-TEST_F(TlvOverflowDeathTest, DdOneByteTooManyWritesThenExits) {
+TEST_F(TlvOverflowDeathTest, OneByteTooManyWritesThenExits) {
     EXPECT_EXIT(
         {
             dup2(STDERR_FILENO, STDOUT_FILENO);
@@ -160,19 +129,20 @@ TEST_F(TlvOverflowDeathTest, DdOneByteTooManyWritesThenExits) {
     EXPECT_EQ(u16_at(page_), 0x4242);
     EXPECT_EQ(u16_at(page_ + 2), 7);
     EXPECT_EQ(memcmp(page_ + 4, "1234567", 7), 0);
-}
 
-TEST_F(TlvOverflowDeathTest, SsOverflowAndNegativeCountExit) {
     EXPECT_EXIT(
         {
             dup2(STDERR_FILENO, STDOUT_FILENO);
-            uint8_t *cur = page_;
+            uint8_t *cur = page_ + 100;
             int32_t rem = 2;
             sstlv_add(&cur, &rem, 0x11, 1, "x");
         },
         ::testing::ExitedWithCode(255), "^assert fail\n$");
-    EXPECT_EQ(page_[0], 0x11);
-    EXPECT_EQ(page_[2], 'x');
+    EXPECT_EQ(page_[100], 0x11);
+    EXPECT_EQ(page_[102], 'x');
+}
+
+TEST_F(TlvOverflowDeathTest, NegativeCountAlwaysOverflows) {
     EXPECT_EXIT(
         {
             dup2(STDERR_FILENO, STDOUT_FILENO);
