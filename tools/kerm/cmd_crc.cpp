@@ -13,8 +13,8 @@ namespace {
 
 int run_crc(int argc, char **argv) {
     kerm_tool::ToolArgs opts;
-    kerm_tool::Option options[] = {{"seed", 1}, {"s", 1}};
-    if (!kerm_tool::parse_tool_args("crc", argc, argv, options, 2, &opts)) return 2;
+    kerm_tool::Option options[] = {{"seed", "s", 1}};
+    if (!kerm_tool::parse_tool_args("crc", argc, argv, options, 1, &opts)) return 2;
     if (opts.help) {
         printf("usage: kerm crc [--seed N] [FILE]\n"
                "Prints CRC-8, CRC-16 (reflected), CRC-16 CCITT (augmented) and CRC-16 XMODEM\n"
@@ -23,7 +23,7 @@ int run_crc(int argc, char **argv) {
         return 0;
     }
     unsigned long seed = 0;
-    const char *seed_text = options[0].value ? options[0].value : options[1].value;
+    const char *seed_text = options[0].value;
     if (seed_text != nullptr) {
         char *end = nullptr;
         errno = 0;

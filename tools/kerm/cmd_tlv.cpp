@@ -35,8 +35,8 @@ uint8_t *read_all(FILE *in, size_t *size) {
 
 int run_tlv(int argc, char **argv) {
     kerm_tool::ToolArgs opts;
-    kerm_tool::Option options[] = {{"format", 1}, {"f", 1}};
-    if (!kerm_tool::parse_tool_args("tlv", argc, argv, options, 2, &opts)) return 2;
+    kerm_tool::Option options[] = {{"format", "f", 1}};
+    if (!kerm_tool::parse_tool_args("tlv", argc, argv, options, 1, &opts)) return 2;
     if (opts.help) {
         printf("usage: kerm tlv [--format dd|ss] [FILE]\n"
                "Walks the TLV records of FILE (standard input when absent or -) and prints\n"
@@ -44,7 +44,7 @@ int run_tlv(int argc, char **argv) {
                "length; ss: 8-bit type and length; native byte order.\n");
         return 0;
     }
-    const char *format = options[0].value ? options[0].value : options[1].value;
+    const char *format = options[0].value;
     if (format == nullptr) format = "dd";
     const bool dd = strcmp(format, "dd") == 0;
     if (!dd && strcmp(format, "ss") != 0) {

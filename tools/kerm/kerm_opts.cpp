@@ -1,6 +1,7 @@
 #include "kerm_opts.h"
 
 #include <errno.h>
+#include <initializer_list>
 #include <string.h>
 
 #include "kerm_args.h"
@@ -24,7 +25,8 @@ void on_help(void *data, char **, int32_t) { *static_cast<bool *>(data) = true; 
 bool known(const char *name, size_t n, const Option *opts, int count) {
     if ((n == 1 && name[0] == 'h') || (n == 4 && strncmp(name, "help", 4) == 0)) return true;
     for (int i = 0; i < count; ++i)
-        if (strlen(opts[i].name) == n && strncmp(opts[i].name, name, n) == 0) return true;
+        for (const char *o : {opts[i].name, opts[i].alias})
+            if (o != nullptr && strlen(o) == n && strncmp(o, name, n) == 0) return true;
     return false;
 }
 
@@ -55,12 +57,16 @@ bool check_flags(const char *cmd, int argc, char **argv, const Option *opts, int
 
 bool parse_tool_args(const char *cmd, int argc, char **argv, Option *opts, int count, ToolArgs *out) {
     if (count > kMaxOptions || !check_flags(cmd, argc, argv, opts, count)) return false;
-    ArgoatSprig sprigs[kMaxOptions + 3] = {};
-    sprigs[1] = {"h", 0, &out->help, on_help};
-    sprigs[2] = {"help", 0, &out->help, on_help};
-    for (int i = 0; i < count; ++i) sprigs[i + 3] = {opts[i].name, opts[i].pars, &opts[i], on_option};
+    ArgoatSprig sprigs[2 * kMaxOptions + 3] = {};
+    int32_t n = 1;
+    sprigs[n++] = {"h", 0, &out->help, on_help};
+    sprigs[n++] = {"help", 0, &out->help, on_help};
+    for (int i = 0; i < count; ++i) {
+        sprigs[n++] = {opts[i].name, opts[i].pars, &opts[i], on_option};
+        if (opts[i].alias != nullptr) sprigs[n++] = {opts[i].alias, opts[i].pars, &opts[i], on_option};
+    }
     char *positional[2] = {};
-    Argoat args{sprigs, count + 3, positional, 0, 2};
+    Argoat args{sprigs, n, positional, 0, 2};
     argoat_graze(&args, argc, argv);
     for (int i = 0; i < count; ++i)
         if (opts[i].missing) {

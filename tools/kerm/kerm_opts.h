@@ -9,6 +9,7 @@ namespace kerm_tool {
 
 struct Option {
     const char *name;             // without dashes
+    const char *alias;            // a second name (e.g. one letter), or null
     int32_t pars;                 // 0 (switch) or 1 (takes a value)
     const char *value = nullptr;  // the value given, if any
     bool seen = false;
