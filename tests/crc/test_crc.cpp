@@ -2,7 +2,12 @@
 // a randomized comparison with Boost.CRC configured with the same parameters.
 #include <gtest/gtest.h>
 
+// Boost.CRC is header-only; a cross build without its headers keeps the
+// check values and frame tests and skips the comparison.
+#if __has_include(<boost/crc.hpp>)
 #include <boost/crc.hpp>
+#define KERM_HAVE_BOOST_CRC 1
+#endif
 
 #include <random>
 #include <vector>
@@ -89,6 +94,7 @@ TEST(CrcFrames, TooShortOrNullFramesAreLeftAloneAndFailVerification) {
     EXPECT_EQ(vask_util_crc16_verify(nullptr, 4, 0), KERM_ERR_FAIL);
 }
 
+#if KERM_HAVE_BOOST_CRC
 // Boost counts the initial remainder of a reflected CRC in unreflected order.
 uint16_t reflect16(uint16_t v) {
     uint16_t r = 0;
@@ -179,5 +185,7 @@ TEST_F(CrcDifferential, XmodemBeyondSixteenBitLengthCoversEveryByte) {
     for (size_t len : {size_t{65535}, size_t{65536}, size_t{65537}, size_t{200000}})
         compare(random_bytes(len), 0x1D0F);
 }
+
+#endif
 
 }  // namespace
