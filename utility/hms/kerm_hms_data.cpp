@@ -81,8 +81,23 @@ void list_drain(vask_hms_list *l, vask_hms_pool *pool) noexcept {
 }
 
 // A store whose init failed has no lists and no usable semaphores; refusing
-// it keeps every operation from waiting forever on a lock never made.
-bool store_ready(const vask_hms_data *d) noexcept { return d != nullptr && d->recv != nullptr && d->active != nullptr; }
+// it keeps every operation from waiting forever on a lock never made. The
+// check runs before any lock is held, so the list pointers are stored and
+// loaded atomically; under their locks they are used as plain pointers.
+bool store_ready(const vask_hms_data *d) noexcept {
+    return d != nullptr && __atomic_load_n(&d->recv, __ATOMIC_RELAXED) != nullptr &&
+           __atomic_load_n(&d->active, __ATOMIC_RELAXED) != nullptr;
+}
+
+void set_list(vask_hms_list **slot, vask_hms_list *l) noexcept { __atomic_store_n(slot, l, __ATOMIC_RELAXED); }
+
+void set_lists(vask_hms_data *d, vask_hms_list *recv, vask_hms_list *spare, vask_hms_list *active,
+               vask_hms_list *standby) noexcept {
+    set_list(&d->recv, recv);
+    set_list(&d->spare, spare);
+    set_list(&d->active, active);
+    set_list(&d->standby, standby);
+}
 
 bool pool_ready(const vask_hms_pool *p) noexcept { return p != nullptr && p->free_list != nullptr; }
 
@@ -94,8 +109,8 @@ vask_hms_list *take_batch(vask_hms_data *d) noexcept {
         return nullptr;
     }
     vask_hms_list *batch = d->recv;
-    d->recv = d->spare;
-    d->spare = batch;
+    set_list(&d->recv, d->spare);
+    set_list(&d->spare, batch);
     sem_post(&d->recv_lock);
     return batch;
 }
@@ -176,7 +191,7 @@ extern "C" int32_t vask_hms_data_init(vask_hms_data *d) {
     for (auto &l : lists) l = list_new();
     auto release = [&]() {
         for (auto *l : lists) free(l);
-        d->recv = d->spare = d->active = d->standby = nullptr;
+        set_lists(d, nullptr, nullptr, nullptr, nullptr);
     };
     for (auto *l : lists) {
         if (l == nullptr) {
@@ -184,10 +199,7 @@ extern "C" int32_t vask_hms_data_init(vask_hms_data *d) {
             return KERM_ERR_NO_MEMORY;
         }
     }
-    d->recv = lists[0];
-    d->spare = lists[1];
-    d->active = lists[2];
-    d->standby = lists[3];
+    set_lists(d, lists[0], lists[1], lists[2], lists[3]);
     d->send_cursor = sentinel(d->active);
     int32_t rc = sem_init(&d->recv_lock, 0, 1);
     if (rc != 0) {
@@ -207,14 +219,16 @@ extern "C" int32_t vask_hms_data_deinit(vask_hms_data *d) {
     if (!store_ready(d)) return KERM_ERR_PARAM;
     sem_wait_nointr(&d->recv_lock);
     list_free(d->recv);
-    d->recv = nullptr;
+    set_list(&d->recv, nullptr);
     sem_post(&d->recv_lock);
     sem_destroy(&d->recv_lock);
     sem_wait_nointr(&d->state_lock);
     list_free(d->spare);
     list_free(d->standby);
     list_free(d->active);
-    d->spare = d->standby = d->active = nullptr;
+    set_list(&d->spare, nullptr);
+    set_list(&d->standby, nullptr);
+    set_list(&d->active, nullptr);
     d->send_cursor = nullptr;
     sem_post(&d->state_lock);
     sem_destroy(&d->state_lock);
@@ -281,8 +295,8 @@ extern "C" int32_t vask_hms_data_server_sync(vask_hms_data *d, vask_hms_pool *po
     sem_wait_nointr(&d->state_lock);
     vask_hms_list *old_list = d->active;
     vask_hms_list *new_list = d->standby;
-    d->active = new_list;
-    d->standby = old_list;
+    set_list(&d->active, new_list);
+    set_list(&d->standby, old_list);
     d->send_cursor = sentinel(new_list);
     while (!list_empty(batch)) {
         vask_hms_node *n = pop_head(batch);
