@@ -15,10 +15,12 @@ uint8_t never_called(void *, uint8_t) {
     return 0;
 }
 
-vask_hms_config periods_only() {
+vask_hms_config periods_only(const vask_hms_detect_rule *rules = nullptr, int32_t count = 0) {
     vask_hms_config cfg{};
     cfg.period_us = 1000;
     cfg.busy_period_us = 500;
+    cfg.rules = rules;
+    cfg.rule_count = count;
     return cfg;
 }
 
@@ -37,9 +39,7 @@ TEST(HmsClient, ZeroConfigurationGetsTheDefaults) {
 
 TEST(HmsClient, RulesAreCopiedWithTheirOwnState) {
     vask_hms_detect_rule rules[2] = {{1, never_called, nullptr, 0x100, 0, 3}, {0, never_called, nullptr, 0x200, 5, 5}};
-    vask_hms_config cfg = periods_only();
-    cfg.rules = rules;
-    cfg.rule_count = 2;
+    vask_hms_config cfg = periods_only(rules, 2);
     cfg.max_items = 9;
     cfg.pool_size = 7;
     cfg.subscriber_max = 1;
@@ -69,9 +69,7 @@ TEST(HmsClient, RulesAreCopiedWithTheirOwnState) {
 
 TEST(HmsClient, BadIndexRangeFailsCreation) {
     vask_hms_detect_rule rules[2] = {{1, never_called, nullptr, 0x41, 0, 0}, {1, never_called, nullptr, 0x42, 7, 3}};
-    vask_hms_config cfg = periods_only();
-    cfg.rules = rules;
-    cfg.rule_count = 2;
+    vask_hms_config cfg = periods_only(rules, 2);
     vask_hms_client *c = nullptr;
     LogCapture log;
     EXPECT_EQ(vask_hms_create_client(&cfg, &c), -1006);

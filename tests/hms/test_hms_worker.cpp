@@ -101,6 +101,12 @@ protected:
         ASSERT_EQ(vask_hms_set_subscriber(c, kHost, 1), 0);
     }
     void start() { ASSERT_EQ(vask_hms_start_client(c), 0); }
+    // One rule polling `det` over first..last.
+    void use_rule(uint32_t code, uint8_t first, uint8_t last) {
+        rule = vask_hms_detect_rule{1, &Detector::detect, &det, code, first, last};
+        cfg.rules = &rule;
+        cfg.rule_count = 1;
+    }
     void insert(uint32_t code, int count, uint8_t status_base = 1) {
         for (int i = 0; i < count; ++i) {
             vask_hms_err e{code, static_cast<uint8_t>(i), static_cast<uint8_t>(status_base + i)};
@@ -142,6 +148,7 @@ protected:
     std::function<int32_t(size_t)> hook;  // runs on the worker after each send
     // State the worker's callbacks touch lives as long as the client.
     Detector det;
+    vask_hms_detect_rule rule{};
     Events ev;
     std::atomic<int64_t> unblocked{0};
     std::atomic<int32_t> result{0};
@@ -223,9 +230,7 @@ TEST_F(Worker, PacketIndexWrapsInSevenBits) {
 
 TEST_F(Worker, SteadyStatusIsInsertedOnceAndAgainAfterRestart) {
     det.status[2] = 4;
-    vask_hms_detect_rule rule{1, &Detector::detect, &det, 0x77, 2, 3};
-    cfg.rules = &rule;
-    cfg.rule_count = 1;
+    use_rule(0x77, 2, 3);
     create();
     ev.attach(&c->data);
     start();
@@ -245,9 +250,7 @@ TEST_F(Worker, SteadyStatusIsInsertedOnceAndAgainAfterRestart) {
 }
 
 TEST_F(Worker, SuspendedClientDetectsAndSendsNothing) {
-    vask_hms_detect_rule rule{1, &Detector::detect, &det, 0x1, 0, 0};
-    cfg.rules = &rule;
-    cfg.rule_count = 1;
+    use_rule(0x1, 0, 0);
     cfg.period_us = 2000;
     create();
     ASSERT_EQ(vask_hms_suspend_client(c), 0);
@@ -299,9 +302,7 @@ TEST_F(Worker, DetectionAdvancesFromItsPreviousTime) {
         due.push_back(ns(c->next_detect));
         if (call == 2) sleep_us(5 * kPeriod);
     };
-    vask_hms_detect_rule rule{1, &Detector::detect, &det, 0x2, 0, 0};
-    cfg.rules = &rule;
-    cfg.rule_count = 1;
+    use_rule(0x2, 0, 0);
     create();
     start();
     ASSERT_TRUE(wait_sent(10));
@@ -312,9 +313,7 @@ TEST_F(Worker, DetectionAdvancesFromItsPreviousTime) {
 
 TEST_F(Worker, InjectedRuleIsSkippedAndItsRecordReported) {
     det.status[0] = 2;
-    vask_hms_detect_rule rule{1, &Detector::detect, &det, 0x90, 0, 0};
-    cfg.rules = &rule;
-    cfg.rule_count = 1;
+    use_rule(0x90, 0, 0);
     create();
     LogCapture log;
     start();
@@ -348,9 +347,7 @@ TEST_F(Worker, FailingSendIsLoggedAndNotRetried) {
 // tick's changes, so records are dropped and logged, never lost as nodes.
 TEST_F(Worker, FlappingDetectorsWithATinyPool) {
     det.hook = [&](int, uint8_t index) { det.status[index % 8] = det.status[index % 8] ? 0 : 3; };
-    vask_hms_detect_rule rule{1, &Detector::detect, &det, 0xF0, 0, 7};
-    cfg.rules = &rule;
-    cfg.rule_count = 1;
+    use_rule(0xF0, 0, 7);
     cfg.pool_size = 6;
     cfg.period_us = 2000;
     create();

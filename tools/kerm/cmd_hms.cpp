@@ -174,11 +174,11 @@ int run_monitor(int argc, char **argv) {
     printf("listening 127.0.0.1:%u\n", ntohs(addr.sin_port));
     fflush(stdout);
     const int64_t start = now_ms();
-    int64_t last_rx = start;
+    int64_t last_rx = -1;  // the idle bound runs from the first message on
     while (!g_stop) {
         const int64_t now = now_ms();
         if (timeout_ms > 0 && now - start >= timeout_ms) break;
-        if (idle_exit_ms > 0 && now - last_rx >= idle_exit_ms) break;
+        if (idle_exit_ms > 0 && last_rx >= 0 && now - last_rx >= idle_exit_ms) break;
         pollfd p{fd, POLLIN, 0};
         if (poll(&p, 1, 50) <= 0) continue;
         uint8_t buf[VASK_HMS_MSG_MAX + 64];
