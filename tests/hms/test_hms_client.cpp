@@ -123,20 +123,6 @@ TEST(HmsClient, NullArgumentsAreRefusedAndLogged) {
         EXPECT_TRUE(log.has(kMod, 1, fn, "parameter is NULL")) << fn << "\n" << log.text();
 }
 
-TEST(HmsClient, FlagSettersOnlyPresetBytes) {
-    vask_hms_config cfg = periods_only();
-    vask_hms_client *c = nullptr;
-    ASSERT_EQ(vask_hms_create_client(&cfg, &c), 0);
-    EXPECT_EQ(vask_hms_suspend_client(c), 0);
-    EXPECT_EQ(c->suspended, 1);
-    EXPECT_EQ(vask_hms_restart_client(c), 0);
-    EXPECT_EQ(c->restart_req, 1);
-    EXPECT_EQ(vask_hms_resume_client(c), 0);
-    EXPECT_EQ(c->suspended, 0);
-    EXPECT_EQ(c->restart_req, 1);
-    vask_hms_destroy_client(c);
-}
-
 TEST(HmsClient, SubscriberTable) {
     vask_hms_config cfg = periods_only();
     vask_hms_client *c = nullptr;

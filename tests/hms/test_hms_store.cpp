@@ -114,19 +114,6 @@ TEST_F(Store, UnlinkJoinsNeighboursAndLeavesCounts) {
     hms_node_give(&pool, mid);
 }
 
-TEST_F(Store, NullArgumentsAreRefused) {
-    vask_hms_err e = E(1, 1, 1);
-    EXPECT_EQ(vask_hms_data_init(nullptr), -1003);
-    EXPECT_EQ(vask_hms_data_deinit(nullptr), -1003);
-    EXPECT_EQ(vask_hms_data_insert(nullptr, &pool, &e), -1003);
-    EXPECT_EQ(vask_hms_data_insert(&data, nullptr, &e), -1003);
-    EXPECT_EQ(vask_hms_data_insert(&data, &pool, nullptr), -1003);
-    EXPECT_EQ(vask_hms_data_reset(nullptr, &pool), -1003);
-    EXPECT_EQ(vask_hms_data_reset_recv(nullptr, &pool), -1003);
-    EXPECT_EQ(vask_hms_data_client_sync(&data, nullptr), -1003);
-    EXPECT_EQ(vask_hms_data_server_sync(nullptr, &pool), -1003);
-}
-
 TEST_F(Store, ClientSyncRaisesChangesClearsAndMovesToTail) {
     insert({E(0x10, 1, 2), E(0x10, 2, 2), E(0x20, 0, 1)});
     ASSERT_EQ(vask_hms_data_client_sync(&data, &pool), 0);
