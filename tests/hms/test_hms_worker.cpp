@@ -422,4 +422,15 @@ TEST_F(Worker, InsertsFromManyThreadsWhileRunning) {
     EXPECT_EQ(pool_free(&c->pool), 255u);
 }
 
+// Zero periods leave nothing to catch up by: the worker ticks back to back
+// and still stops.
+TEST_F(Worker, ZeroPeriodsStillTickAndStop) {
+    cfg.period_us = 0;
+    cfg.busy_period_us = 0;
+    create();
+    start();
+    ASSERT_TRUE(wait_sent(3));
+    EXPECT_EQ(msg(2).seq, static_cast<uint8_t>(msg(1).seq + 1));
+}
+
 }  // namespace

@@ -85,6 +85,9 @@ void rearm(vask_hms_client *c) noexcept {
     int rc = clock_gettime(CLOCK_MONOTONIC, &now);
     if (rc != 0) {
         KERM_LOGF(KERM_MOD_HMS_TASK, VASK_LOG_WARNING, kFile, "hms_client_task", "Timer get fail! %d, %d", rc, errno);
+    } else if (period == 0) {
+        // Nothing to step by: catching up would never end.
+        if (ts_later(now, c->wake)) c->wake = now;
     } else {
         while (ts_later(now, c->wake)) ts_add_us(&c->wake, period);
     }
