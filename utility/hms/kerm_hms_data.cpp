@@ -123,6 +123,9 @@ void retire_held(vask_hms_data *d, vask_hms_pool *pool, vask_hms_list *owner, va
     } else if (n->err.status != held->err.status) {
         if (d->on_changed != nullptr) d->on_changed(d->user, &n->err);
     }
+    // The worker never syncs mid-cycle, but a caller may: the cursor then
+    // steps back rather than point at a node gone back to the pool.
+    if (d->send_cursor == &held->link) d->send_cursor = held->link.prev;
     hms_list_unlink(held);
     owner->count--;
     hms_node_give(pool, held);
