@@ -24,60 +24,59 @@ void note(benchmark::State &state, const char *name, std::chrono::nanoseconds sp
 }
 
 // Every round re-reports all N points with a new status: N changes per sync.
-template <bool Server>
-void BM_Store(benchmark::State &state) {
+template <class Insert, class Sync>
+void run_rounds(benchmark::State &state, const char *name, Insert insert, Sync sync) {
     const int n = static_cast<int>(state.range(0));
-    vask_hms_pool pool{};
-    vask_hms_data data{};
-    vask_hms_pool_init(&pool, VASK_HMS_POOL_MAX);
-    vask_hms_data_init(&data);
     uint8_t status = 1;
     int64_t records = 0;
     auto t0 = std::chrono::steady_clock::now();
     for (auto _ : state) {
         status = static_cast<uint8_t>(status % 200 + 1);
-        for (int i = 0; i < n; ++i) {
-            vask_hms_err e{static_cast<uint32_t>(0x1000 + i / 8), static_cast<uint8_t>(i % 8), status};
-            vask_hms_data_insert(&data, &pool, &e);
-        }
-        if (Server) vask_hms_data_server_sync(&data, &pool);
-        else vask_hms_data_client_sync(&data, &pool);
+        for (int i = 0; i < n; ++i)
+            insert(vask_hms_err{static_cast<uint32_t>(0x1000 + i / 8), static_cast<uint8_t>(i % 8), status});
+        sync();
         records += n;
     }
-    note(state, Server ? "server" : "client", std::chrono::steady_clock::now() - t0, records);
+    note(state, name, std::chrono::steady_clock::now() - t0, records);
+}
+
+template <bool Server>
+void BM_Store(benchmark::State &state) {
+    vask_hms_pool pool{};
+    vask_hms_data data{};
+    vask_hms_pool_init(&pool, VASK_HMS_POOL_MAX);
+    vask_hms_data_init(&data);
+    run_rounds(
+        state, Server ? "server" : "client", [&](const vask_hms_err &e) { vask_hms_data_insert(&data, &pool, &e); },
+        [&] { Server ? vask_hms_data_server_sync(&data, &pool) : vask_hms_data_client_sync(&data, &pool); });
     vask_hms_data_deinit(&data);
     vask_hms_pool_deinit(&pool);
 }
 
 void BM_Peer(benchmark::State &state) {
-    const int n = static_cast<int>(state.range(0));
     std::mutex recv_lock, state_lock;
     std::vector<vask_hms_err> recv, batch;
     std::unordered_map<uint64_t, uint8_t> active;
-    uint8_t status = 1;
-    int64_t records = 0;
-    auto t0 = std::chrono::steady_clock::now();
-    for (auto _ : state) {
-        status = static_cast<uint8_t>(status % 200 + 1);
-        for (int i = 0; i < n; ++i) {
+    run_rounds(
+        state, "peer",
+        [&](const vask_hms_err &e) {
             std::lock_guard<std::mutex> g(recv_lock);
-            recv.push_back(vask_hms_err{static_cast<uint32_t>(0x1000 + i / 8), static_cast<uint8_t>(i % 8), status});
-        }
-        {
-            std::lock_guard<std::mutex> g(recv_lock);
-            batch.swap(recv);
-        }
-        std::lock_guard<std::mutex> g(state_lock);
-        for (const auto &e : batch) {
-            const uint64_t key = (uint64_t{e.code} << 8) | e.index;
-            if (e.status == 0) active.erase(key);
-            else active[key] = e.status;
-        }
-        batch.clear();
-        records += n;
-    }
+            recv.push_back(e);
+        },
+        [&] {
+            {
+                std::lock_guard<std::mutex> g(recv_lock);
+                batch.swap(recv);
+            }
+            std::lock_guard<std::mutex> g(state_lock);
+            for (const auto &e : batch) {
+                const uint64_t key = (uint64_t{e.code} << 8) | e.index;
+                if (e.status == 0) active.erase(key);
+                else active[key] = e.status;
+            }
+            batch.clear();
+        });
     benchmark::DoNotOptimize(active.size());
-    note(state, "peer", std::chrono::steady_clock::now() - t0, records);
 }
 
 BENCHMARK(BM_Store<false>)->Name("client_sync")->Arg(16)->Arg(64)->Arg(255);
