@@ -39,7 +39,7 @@ int32_t get_sei_info_bounded(const uint8_t *nal, size_t avail, SeiNalInfo *info,
         // A NAL unit near the end of a short buffer: show the bytes there are.
         uint8_t b[12] = {};
         memcpy(b, nal, avail < sizeof b ? avail : sizeof b);
-        SEI_LOG(VASK_LOG_ERROR,
+        SEI_LOGN("wl_get_sei_info", VASK_LOG_ERROR,
                 "no SEI, broken stream? first 12 bytes %02x %02x %02x %02x %02x %02x %02x %02x "
                 "%02x %02x %02x %02x\n",
                 b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11]);
@@ -53,7 +53,7 @@ int32_t get_sei_info_bounded(const uint8_t *nal, size_t avail, SeiNalInfo *info,
     if (pos < avail) type += nal[pos++];
     while (pos < avail && nal[pos] == 0xFF) size += 255, ++pos;
     if (pos >= avail) {
-        SEI_LOG(VASK_LOG_ERROR, "sei type/size coding runs past the buffer end\n");
+        SEI_LOGN("wl_get_sei_info", VASK_LOG_ERROR, "sei type/size coding runs past the buffer end\n");
         return KERM_ERR_FAIL;
     }
     size += nal[pos++];
@@ -65,7 +65,7 @@ int32_t get_sei_info_bounded(const uint8_t *nal, size_t avail, SeiNalInfo *info,
     info->payload_addr = const_cast<uint8_t *>(nal) + off;
     uint8_t p[6] = {};
     memcpy(p, nal + off, avail - off < sizeof p ? avail - off : sizeof p);
-    SEI_LOG(VASK_LOG_VERBOSE, "sei type %04x, sei_len %d, payload_len %d, payload %x %x %x %x %x %x\n",
+    SEI_LOGN("wl_get_sei_info", VASK_LOG_VERBOSE, "sei type %04x, sei_len %d, payload_len %d, payload %x %x %x %x %x %x\n",
             type, static_cast<int>(info->sei_len), static_cast<int>(size), p[0], p[1], p[2], p[3],
             p[4], p[5]);
     return KERM_OK;
