@@ -50,6 +50,14 @@ struct Frame {
     uint32_t size() const { return static_cast<uint32_t>(b.size()); }
 };
 
+// A 1000-byte frame with its chain already walked: e[1] is the timing SEI.
+struct Walked {
+    Frame f{1000};
+    SeiNalInfo e[16];
+    uint32_t n = 0;
+    Walked() { wl_get_all_sei_nal_info(f.b.data(), f.size(), 16, &n, e); }
+};
+
 void BM_Walk(benchmark::State &st) {
     Frame f(static_cast<size_t>(st.range(0)));
     SeiNalInfo e[16];
@@ -71,20 +79,16 @@ void BM_EncTiming(benchmark::State &st) {
 BENCHMARK(BM_EncTiming);
 
 void BM_ParseTiming(benchmark::State &st) {
-    Frame f(1000);
-    SeiNalInfo e[16];
-    uint32_t n = 0;
-    wl_get_all_sei_nal_info(f.b.data(), f.size(), 16, &n, e);
+    Walked w;
+    SeiNalInfo *e = w.e;
     TimingMd t;
     for (auto _ : st) benchmark::DoNotOptimize(wl_parse_timing_sei(&e[1], &t));
 }
 BENCHMARK(BM_ParseTiming);
 
 void BM_InsertTsStream(benchmark::State &st) {
-    Frame f(1000);
-    SeiNalInfo e[16];
-    uint32_t n = 0;
-    wl_get_all_sei_nal_info(f.b.data(), f.size(), 16, &n, e);
+    Walked w;
+    SeiNalInfo *e = w.e;
     uint8_t *slot = e[1].payload_addr + 14 + 6 * 4;  // first free slot
     for (auto _ : st) {
         benchmark::DoNotOptimize(wl_insert_new_ts_stream(&e[1], 0x42, 1, 7000));
@@ -100,10 +104,8 @@ int32_t add_ms(uint64_t, int64_t ts, uint32_t, uint32_t *out, uint8_t *tb) {
 }
 
 void BM_TransformTiming(benchmark::State &st) {
-    Frame f(1000);
-    SeiNalInfo e[16];
-    uint32_t n = 0;
-    wl_get_all_sei_nal_info(f.b.data(), f.size(), 16, &n, e);
+    Walked w;
+    SeiNalInfo *e = w.e;
     for (auto _ : st) benchmark::DoNotOptimize(wl_transform_timing_sei(&e[1], add_ms));
 }
 BENCHMARK(BM_TransformTiming);

@@ -115,6 +115,12 @@ int32_t wl_insert_initial_sei(uint8_t *dst, uint32_t codec, uint32_t type, int32
     return KERM_OK;
 }
 
+void log_fields(const char *function, const char *prefix, int width, const char *end, const Field *fields,
+                size_t count) noexcept {
+    for (size_t i = 0; i < count; ++i)
+        SEI_LOGN(function, VASK_LOG_VERBOSE, "%s%-*s%u%s", prefix, width, fields[i].name, fields[i].value, end);
+}
+
 }  // namespace kerm::sei
 
 using namespace kerm::sei;
@@ -369,10 +375,7 @@ extern "C" int32_t wl_parse_ondI_sei(const SeiNalInfo *ondi, OndIMd *md) noexcep
     md->is_normal_latency = (p[23] >> 4) & 3u;
     md->is_hdres = (p[24] >> 7) & 1u;
     md->is_60fps = (p[24] >> 6) & 1u;
-    const struct {
-        const char *name;
-        uint32_t value;
-    } fields[] = {
+    const Field fields[] = {
         {"frm_idx", md->frm_idx},
         {"err_flag", md->err_flag},
         {"avgQPy", md->avgQPy},
@@ -391,8 +394,7 @@ extern "C" int32_t wl_parse_ondI_sei(const SeiNalInfo *ondi, OndIMd *md) noexcep
         {"is_hdres", md->is_hdres},
         {"is_60fps", md->is_60fps},
     };
-    for (const auto &f : fields)
-        SEI_LOG(VASK_LOG_VERBOSE, "[ONDI_SEI]parser: %-30s%u\n", f.name, f.value);
+    log_fields(__func__, "[ONDI_SEI]parser: ", 30, "\n", fields, sizeof fields / sizeof fields[0]);
     return KERM_OK;
 }
 

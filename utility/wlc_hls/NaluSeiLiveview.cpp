@@ -71,10 +71,7 @@ void wl_parse_lvstreamsei_header_payload(const uint8_t *q, LiveviewMd *md) {
     md->codec_info_on = (q[9] >> 1) & 1u;
     md->module_info_on = (q[9] >> 2) & 1u;
     md->extension_info_on = (q[9] >> 6) & 1u;
-    const struct {
-        const char *name;
-        uint32_t value;
-    } fields[] = {
+    const Field fields[] = {
         {"version_id", md->version_id},       {"time_base", md->time_base},
         {"sync_flag", md->sync_flag},         {"lite_mode", md->lite_mode},
         {"start_time", md->start_time},       {"product_id", md->product_id},
@@ -82,8 +79,7 @@ void wl_parse_lvstreamsei_header_payload(const uint8_t *q, LiveviewMd *md) {
         {"sei_info_on", md->sei_info_on},     {"codec_info_on", md->codec_info_on},
         {"module_info_on", md->module_info_on}, {"extension_info_on", md->extension_info_on},
     };
-    for (const auto &f : fields)
-        SEI_LOG(VASK_LOG_VERBOSE, "[LVDBG][HEADER INFO] parser: %-19s%u", f.name, f.value);
+    log_fields(__func__, "[LVDBG][HEADER INFO] parser: ", 19, "", fields, sizeof fields / sizeof fields[0]);
 }
 
 void wl_parse_lvstreamsei_codecinfo_payload(const uint8_t *c, LiveviewMd *md) {
@@ -91,29 +87,22 @@ void wl_parse_lvstreamsei_codecinfo_payload(const uint8_t *c, LiveviewMd *md) {
     md->frm_tar_len = rd16(c + 1);
     md->err_strategy = static_cast<uint8_t>(c[3] >> 4);
     md->avg_qp = c[4] & 0x3Fu;
-    SEI_LOG(VASK_LOG_VERBOSE, "[LVDBG][CODEC INFO] parser: %-24s%u", "codec_info_size",
-            static_cast<unsigned>(md->codec_info_size));
-    SEI_LOG(VASK_LOG_VERBOSE, "[LVDBG][CODEC INFO] parser: %-24s%u", "frm_tar_len",
-            static_cast<unsigned>(md->frm_tar_len));
-    SEI_LOG(VASK_LOG_VERBOSE, "[LVDBG][CODEC INFO] parser: %-24s%u", "err_strategy",
-            static_cast<unsigned>(md->err_strategy));
-    SEI_LOG(VASK_LOG_VERBOSE, "[LVDBG][CODEC INFO] parser: %-24s%u", "avg_qp", static_cast<unsigned>(md->avg_qp));
+    const Field fields[] = {{"codec_info_size", md->codec_info_size},
+                            {"frm_tar_len", md->frm_tar_len},
+                            {"err_strategy", md->err_strategy},
+                            {"avg_qp", md->avg_qp}};
+    log_fields(__func__, "[LVDBG][CODEC INFO] parser: ", 24, "", fields, sizeof fields / sizeof fields[0]);
 }
 
 void wl_parse_lvstreamsei_moduleinfo_payload(const uint8_t *m, size_t avail, LiveviewMd *md) {
-    md->module_item_size = 0;
-    md->module_max_cnt = 0;
-    md->module_active_cnt = 0;
     memset(md->modules, 0, sizeof md->modules);
     md->module_max_cnt = m[0] & 0x1Fu;
     md->module_item_size = static_cast<uint8_t>(m[0] >> 5);
     md->module_active_cnt = m[1] & 0x1Fu;
-    SEI_LOG(VASK_LOG_VERBOSE, "[LVDBG][MODULE INFO] parser: %-23s%u", "module_max_cnt",
-            static_cast<unsigned>(md->module_max_cnt));
-    SEI_LOG(VASK_LOG_VERBOSE, "[LVDBG][MODULE INFO] parser: %-23s%u", "module_item_size",
-            static_cast<unsigned>(md->module_item_size));
-    SEI_LOG(VASK_LOG_VERBOSE, "[LVDBG][MODULE INFO] parser: %-23s%u", "module_active_cnt",
-            static_cast<unsigned>(md->module_active_cnt));
+    const Field fields[] = {{"module_max_cnt", md->module_max_cnt},
+                            {"module_item_size", md->module_item_size},
+                            {"module_active_cnt", md->module_active_cnt}};
+    log_fields(__func__, "[LVDBG][MODULE INFO] parser: ", 23, "", fields, sizeof fields / sizeof fields[0]);
     if (md->module_active_cnt > md->module_max_cnt) {
         SEI_LOG(VASK_LOG_ERROR, "failed to parse module info, max cnt[%u] should larger than active cnt[%u]",
                 static_cast<unsigned>(md->module_max_cnt), static_cast<unsigned>(md->module_active_cnt));

@@ -42,6 +42,15 @@ int32_t wl_insert_initial_sei(uint8_t *dst, uint32_t codec, uint32_t type, int32
 void parse_lvstream_payload(const uint8_t *payload, size_t avail, LiveviewMd *md) noexcept;
 void wl_parse_lvstreamsei_payload(const uint8_t *payload, LiveviewMd *md) noexcept;
 
+// The parsers' verbose field dump: one line per field, "<prefix><name padded
+// to width><value><end>", logged under `function`.
+struct Field {
+    const char *name;
+    uint32_t value;
+};
+void log_fields(const char *function, const char *prefix, int width, const char *end, const Field *fields,
+                size_t count) noexcept;
+
 inline uint16_t rd16(const uint8_t *p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
 
 }  // namespace kerm::sei
