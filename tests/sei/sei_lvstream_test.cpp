@@ -62,23 +62,9 @@ TEST_P(SeiLiveview, LayoutRoundTrip) {
         EXPECT_EQ(q[4], 0xFF);
         EXPECT_EQ(q[9], 0xFF);
         EXPECT_EQ(q[10], 0xD7);  // codec_info_size 0x54 in bits 2-6
+        // Every field fits its wire width, so the record comes back whole.
         const LiveviewMd back = parse(f);
-        EXPECT_EQ(back.version_id, 1);
-        EXPECT_EQ(back.time_base, 5);
-        EXPECT_EQ(back.sync_flag, 1);
-        EXPECT_EQ(back.lite_mode, lite);
-        EXPECT_EQ(back.start_time, 0x11223344u);
-        EXPECT_EQ(back.product_id, 0x2A);
-        EXPECT_EQ(back.camera_id, 0xB);
-        EXPECT_EQ(back.stream_id, 0x15);
-        EXPECT_EQ(back.extension_info_on + back.sei_info_on + back.codec_info_on + back.module_info_on, 4);
-        EXPECT_EQ(back.codec_info_size, 0x54);
-        EXPECT_EQ(back.frm_tar_len, 0x1234);
-        EXPECT_EQ(back.err_strategy, 9);
-        EXPECT_EQ(back.avg_qp, 40);
-        EXPECT_EQ(back.module_max_cnt, 20);
-        EXPECT_EQ(back.module_item_size, 3);
-        EXPECT_EQ(back.module_active_cnt, 2);
+        EXPECT_EQ(memcmp(&back, &md, offsetof(LiveviewMd, modules)), 0);
         EXPECT_EQ(back.modules[0].module_id, lite ? 0 : 0x15);
         EXPECT_EQ(back.modules[0].time_diff, 0xABC);
         EXPECT_EQ(back.modules[0].err_code, 5);
