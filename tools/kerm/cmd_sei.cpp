@@ -24,6 +24,8 @@ constexpr uint32_t kFrameMs = 100;
 constexpr uint32_t kRoom = 4096;  // free space behind each frame
 constexpr int kMaxChain = 16;
 
+bool g_verbose = false;  // -v: the library's SEI log lines on standard output
+
 void usage(FILE *out) {
     fprintf(out,
             "usage: kerm sei stamp --codec h264|h265 [--liveview] [--modules N] [--manifest FILE] IN OUT\n"
@@ -338,6 +340,8 @@ struct Decoded {
 
 // A frame ends after an AUD that closes a frame tail.
 std::vector<std::pair<size_t, size_t>> split_stamped(const Bytes &b) {
+    // Most AUDs close no tail; probing them is not worth a log line each.
+    vask_log_control(LOG_CTRL_ENABLE, 0, 0);
     std::vector<std::pair<size_t, size_t>> out;
     size_t begin = 0;
     for (const Nal &n : scan_nals(b)) {
@@ -354,6 +358,7 @@ std::vector<std::pair<size_t, size_t>> split_stamped(const Bytes &b) {
             begin = end;
         }
     }
+    vask_log_control(LOG_CTRL_ENABLE, g_verbose, 0);
     return out;
 }
 
@@ -476,19 +481,15 @@ int run_dump(int argc, char **argv) {
 int run_sei(int argc, char **argv) {
     // The library's SEI lines go to standard output; keep it for the dump
     // unless asked.
-    bool verbose = false;
     std::vector<char *> args;
     for (int i = 0; i < argc; ++i) {
         if (strcmp(argv[i], "-v") == 0)
-            verbose = true;
+            g_verbose = true;
         else
             args.push_back(argv[i]);
     }
-    if (verbose) {
-        vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x53, VASK_LOG_VERBOSE);
-    } else {
-        vask_log_control(LOG_CTRL_ENABLE, 0, 0);
-    }
+    if (g_verbose) vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x53, VASK_LOG_VERBOSE);
+    vask_log_control(LOG_CTRL_ENABLE, g_verbose, 0);
     const int n = static_cast<int>(args.size());
     if (n >= 2 && strcmp(args[1], "stamp") == 0) return run_stamp(n - 1, args.data() + 1);
     if (n >= 2 && strcmp(args[1], "dump") == 0) return run_dump(n - 1, args.data() + 1);
