@@ -50,6 +50,19 @@ uint8_t *cell(const vask_shmem *h, uint32_t offset) noexcept {
     return reinterpret_cast<uint8_t *>(reinterpret_cast<uintptr_t>(h->base) + h->page_offset + offset);
 }
 
+// Typed cells go through the byte copies: native order, any alignment.
+template <typename T>
+void put_cell(vask_shmem *h, uint32_t offset, T value) noexcept {
+    vask_util_set_shmem(h, offset, sizeof value, reinterpret_cast<const uint8_t *>(&value));
+}
+
+template <typename T>
+T get_cell(vask_shmem *h, uint32_t offset) noexcept {
+    T value = 0;
+    vask_util_get_shmem(h, offset, sizeof value, &value);
+    return value;
+}
+
 uint32_t ssfn_ms(uint32_t c) noexcept { return VASK_SSFN_MS(c); }
 
 // Maps the time-sync block for the duration of one call.
@@ -64,11 +77,18 @@ public:
 
     bool ok() const noexcept { return h_ != nullptr; }
     vask_shmem *get() const noexcept { return h_; }
-    // The offset between SSFN time and local time: sign and magnitude.
-    bool delta_positive() const noexcept { return vask_util_get_shmem_u8(h_, VASK_SYNC_DELTA_SIGN) == 1; }
-    uint64_t delta() const noexcept { return vask_util_get_shmem_u64(h_, VASK_SYNC_DELTA); }
+    // Applies the stored offset (sign read first, then magnitude), with
+    // 64-bit wrapping arithmetic, in either direction; microseconds.
+    uint64_t local_to_ssfn_us(uint64_t local_us) const noexcept {
+        return delta_positive() ? local_us + delta() : local_us - delta();
+    }
+    uint64_t ssfn_to_local_us(uint64_t ssfn_us) const noexcept {
+        return delta_positive() ? ssfn_us - delta() : ssfn_us + delta();
+    }
 
 private:
+    bool delta_positive() const noexcept { return vask_util_get_shmem_u8(h_, VASK_SYNC_DELTA_SIGN) == 1; }
+    uint64_t delta() const noexcept { return vask_util_get_shmem_u64(h_, VASK_SYNC_DELTA); }
     vask_shmem *h_;
 };
 
@@ -114,46 +134,24 @@ void vask_util_get_shmem(vask_shmem *h, uint32_t offset, uint32_t len, void *dst
 }
 
 void vask_util_set_shmem_u8(vask_shmem *h, uint32_t offset, uint32_t value) noexcept {
-    const uint8_t v = static_cast<uint8_t>(value);
-    vask_util_set_shmem(h, offset, sizeof v, &v);
+    put_cell(h, offset, static_cast<uint8_t>(value));
 }
 
 void vask_util_set_shmem_u16(vask_shmem *h, uint32_t offset, uint32_t value) noexcept {
-    const uint16_t v = static_cast<uint16_t>(value);
-    vask_util_set_shmem(h, offset, sizeof v, reinterpret_cast<const uint8_t *>(&v));
+    put_cell(h, offset, static_cast<uint16_t>(value));
 }
 
-void vask_util_set_shmem_u32(vask_shmem *h, uint32_t offset, uint32_t value) noexcept {
-    vask_util_set_shmem(h, offset, sizeof value, reinterpret_cast<const uint8_t *>(&value));
-}
+void vask_util_set_shmem_u32(vask_shmem *h, uint32_t offset, uint32_t value) noexcept { put_cell(h, offset, value); }
 
-void vask_util_set_shmem_u64(vask_shmem *h, uint32_t offset, uint64_t value) noexcept {
-    vask_util_set_shmem(h, offset, sizeof value, reinterpret_cast<const uint8_t *>(&value));
-}
+void vask_util_set_shmem_u64(vask_shmem *h, uint32_t offset, uint64_t value) noexcept { put_cell(h, offset, value); }
 
-uint32_t vask_util_get_shmem_u8(vask_shmem *h, uint32_t offset) noexcept {
-    uint8_t v = 0;
-    vask_util_get_shmem(h, offset, sizeof v, &v);
-    return v;
-}
+uint32_t vask_util_get_shmem_u8(vask_shmem *h, uint32_t offset) noexcept { return get_cell<uint8_t>(h, offset); }
 
-uint32_t vask_util_get_shmem_u16(vask_shmem *h, uint32_t offset) noexcept {
-    uint16_t v = 0;
-    vask_util_get_shmem(h, offset, sizeof v, &v);
-    return v;
-}
+uint32_t vask_util_get_shmem_u16(vask_shmem *h, uint32_t offset) noexcept { return get_cell<uint16_t>(h, offset); }
 
-uint32_t vask_util_get_shmem_u32(vask_shmem *h, uint32_t offset) noexcept {
-    uint32_t v = 0;
-    vask_util_get_shmem(h, offset, sizeof v, &v);
-    return v;
-}
+uint32_t vask_util_get_shmem_u32(vask_shmem *h, uint32_t offset) noexcept { return get_cell<uint32_t>(h, offset); }
 
-uint64_t vask_util_get_shmem_u64(vask_shmem *h, uint32_t offset) noexcept {
-    uint64_t v = 0;
-    vask_util_get_shmem(h, offset, sizeof v, &v);
-    return v;
-}
+uint64_t vask_util_get_shmem_u64(vask_shmem *h, uint32_t offset) noexcept { return get_cell<uint64_t>(h, offset); }
 
 int32_t vask_util_set_ssfn_delta_for_talvek(uint64_t local_us) noexcept {
     SyncBlock b;
@@ -169,20 +167,14 @@ int32_t vask_util_set_ssfn_delta_for_talvek(uint64_t local_us) noexcept {
 int32_t vask_util_get_convert_ssfn_for_talvek(uint64_t local_us, uint32_t *ssfn_ms_out) noexcept {
     SyncBlock b;
     if (!b.ok()) return KERM_ERR_NO_MEMORY;
-    const bool positive = b.delta_positive();
-    const uint64_t delta = b.delta();
-    const uint64_t t = positive ? local_us + delta : local_us - delta;
-    store(ssfn_ms_out, static_cast<uint32_t>(t / 1000u));
+    store(ssfn_ms_out, static_cast<uint32_t>(b.local_to_ssfn_us(local_us) / 1000u));
     return KERM_OK;
 }
 
 int32_t vask_util_get_convert_fc_timeus_for_talvek(uint32_t ssfn_ms_in, uint64_t *local_us) noexcept {
     SyncBlock b;
     if (!b.ok()) return KERM_ERR_NO_MEMORY;
-    const bool positive = b.delta_positive();
-    const uint64_t delta = b.delta();
-    const uint64_t u = static_cast<uint64_t>(ssfn_ms_in) * 1000u;
-    store(local_us, positive ? u - delta : u + delta);
+    store(local_us, b.ssfn_to_local_us(static_cast<uint64_t>(ssfn_ms_in) * 1000u));
     return KERM_OK;
 }
 
