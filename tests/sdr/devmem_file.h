@@ -1,49 +1,97 @@
 // Substitute memory device for the sdr tests: a sparse regular file of a little
-// over 4 GiB at "$KERM_UTIL_ROOT/dev/mem", read and written with plain file I/O
-// at physical offsets.
+// over 4 GiB at "$KERM_UTIL_ROOT/dev/mem", poked and read with plain file I/O at
+// physical offsets.
 #ifndef KERM_TESTS_SDR_DEVMEM_FILE_H
 #define KERM_TESTS_SDR_DEVMEM_FILE_H
 
-#include <stdint.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <string>
+#include <vector>
+
+#include "kerm_sdr.h"
 
 namespace sdr_test {
 
-// Physical size of the substitute: everything up to the time-sync block and a
-// page beyond the 4 GiB mark.
-constexpr uint64_t kDevMemSize = 0x100001000ull;
+// Fresh directory below KERM_TEST_TMP (or /tmp).
+inline std::string scratch_dir(const char *tag) {
+    const char *base = getenv("KERM_TEST_TMP");
+    std::string dir = (base != nullptr && base[0] != '\0') ? base : "/tmp";
+    mkdir(dir.c_str(), 0700);
+    std::string path = dir + "/" + tag + "-XXXXXX";
+    if (mkdtemp(path.data()) == nullptr) ADD_FAILURE() << "mkdtemp " << path;
+    return path;
+}
 
-// Fresh scratch directory below KERM_TEST_TMP (or /tmp).
-std::string make_scratch_dir(const char *tag);
+inline void set_root(const std::string &root) {
+    if (root.empty()) unsetenv("KERM_UTIL_ROOT");
+    else setenv("KERM_UTIL_ROOT", root.c_str(), 1);
+}
 
-class DevMemFile {
+class DevMem {
 public:
-    // Creates "<root>/dev/mem" once per process; later calls return the same.
-    static DevMemFile &instance();
-    const std::string &root() const { return root_; }
-    // Points the library at this file.
-    void use() const;
-    void write(uint64_t phys, const void *src, size_t len) const;
-    void read(uint64_t phys, void *dst, size_t len) const;
+    static const DevMem &get() {
+        static const DevMem d;
+        return d;
+    }
+    const std::string root = scratch_dir("sdr");
+
+    void write(uint64_t phys, const void *src, size_t len) const {
+        ASSERT_EQ(pwrite(fd_, src, len, static_cast<off_t>(phys)), static_cast<ssize_t>(len));
+    }
+    void read(uint64_t phys, void *dst, size_t len) const {
+        ASSERT_EQ(pread(fd_, dst, len, static_cast<off_t>(phys)), static_cast<ssize_t>(len));
+    }
     template <typename T>
     void put(uint64_t phys, T v) const { write(phys, &v, sizeof v); }
     template <typename T>
-    T get(uint64_t phys) const {
+    T at(uint64_t phys) const {
         T v{};
         read(phys, &v, sizeof v);
         return v;
     }
-    // Zeroes the time-sync block and the SDR parameter cells.
-    void clear() const;
+    // Zeroes the time-sync page and the SDR parameter cells.
+    void clear() const {
+        const std::vector<uint8_t> zero(4096, 0);
+        write(VASK_SYNC_PHYS_ADDR & ~0xFFFull, zero.data(), zero.size());
+        write(0, zero.data(), zero.size());
+    }
 
 private:
-    DevMemFile();
-    std::string root_;
+    DevMem() {
+        mkdir((root + "/dev").c_str(), 0700);
+        fd_ = open((root + "/dev/mem").c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+        // Up to a page beyond the 4 GiB mark: the time-sync block sits just below it.
+        if (fd_ < 0 || ftruncate(fd_, static_cast<off_t>(0x100001000ull)) != 0) ADD_FAILURE() << "no " << root;
+    }
     int fd_ = -1;
 };
 
-// Sets or clears KERM_UTIL_ROOT.
-void set_root(const std::string &root);
+// Every sdr test starts on a zeroed substitute device with no SDR region.
+class DevMemTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        set_root(mem().root);
+        mem().clear();
+    }
+    void TearDown() override {
+        vask_util_sdr_deinit();
+        set_root("");
+    }
+    static const DevMem &mem() { return DevMem::get(); }
+    // A root whose dev/mem is missing, or is a FIFO (opens, cannot be mapped).
+    static void use_missing_device() { set_root(scratch_dir("sdr-nodev")); }
+    static void use_fifo_device() {
+        const std::string root = scratch_dir("sdr-fifo");
+        ASSERT_EQ(mkdir((root + "/dev").c_str(), 0700), 0);
+        ASSERT_EQ(mkfifo((root + "/dev/mem").c_str(), 0600), 0);
+        set_root(root);
+    }
+};
 
 }  // namespace sdr_test
 

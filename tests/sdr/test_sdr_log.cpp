@@ -1,8 +1,5 @@
 // Log lines of the SDR and time-sync functions: module 0, level 1, the fixed
 // source path text and the function name.
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
 #include <functional>
 #include <string>
 
@@ -10,24 +7,20 @@
 #include "kerm_log.h"
 #include "kerm_sdr.h"
 
-using sdr_test::DevMemFile;
-
 namespace {
 
-class SdrLogTest : public ::testing::Test {
+class SdrLogTest : public sdr_test::DevMemTest {
 protected:
     void SetUp() override {
+        DevMemTest::SetUp();
         ASSERT_EQ(vask_log_control(LOG_CTRL_GET_HEAD_FLAGS, reinterpret_cast<uintptr_t>(&flags_), 0), 0);
         ASSERT_EQ(vask_log_control(LOG_CTRL_GET_MODULE_LEVEL, kSdrModule, reinterpret_cast<uintptr_t>(&level_)),
                   0);
-        DevMemFile::instance().use();
-        DevMemFile::instance().clear();
     }
     void TearDown() override {
-        vask_util_sdr_deinit();
+        DevMemTest::TearDown();
         vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, flags_, 0);
         vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, kSdrModule, level_);
-        sdr_test::set_root("");
     }
 
     // Console output of fn with the given header fields and module-0 threshold.
@@ -45,18 +38,21 @@ private:
     uint32_t flags_ = 0, level_ = 0;
 };
 
+// A failed init is logged and leaves the region uninitialised.
 TEST_F(SdrLogTest, InitFailuresAreLoggedAtErrorLevelOfModuleZero) {
-    sdr_test::set_root(sdr_test::make_scratch_dir("sdr-nodev"));
-    const auto init = [] { EXPECT_EQ(vask_util_sdr_init(), KERM_ERR_FAIL); };
+    use_missing_device();
+    const auto init = [] {
+        uint32_t v;
+        EXPECT_EQ(vask_util_sdr_init(), KERM_ERR_FAIL);
+        EXPECT_EQ(vask_util_sdr_get_param(0, &v, 4), KERM_ERR_NOT_INIT);
+        EXPECT_EQ(vask_util_sdr_deinit(), KERM_ERR_FAIL);
+    };
     EXPECT_EQ(capture(kModLevel, 0, init), "");
     std::string out = capture(kModLevel, 1, init);
     EXPECT_NE(out.find("VASK00@1 :util sdr open dev/mem failed No such file or directory\n"), std::string::npos)
         << out;
 
-    const std::string root = sdr_test::make_scratch_dir("sdr-fifo");
-    ASSERT_EQ(mkdir((root + "/dev").c_str(), 0700), 0);
-    ASSERT_EQ(mkfifo((root + "/dev/mem").c_str(), 0600), 0);
-    sdr_test::set_root(root);
+    use_fifo_device();
     out = capture(LOG_HDR_FUNC, 1, init);
     EXPECT_NE(out.find("[      vask_util_sdr_init :util sdr mmap2 \n"), std::string::npos) << out;
     EXPECT_NE(out.find("[      vask_util_sdr_init :util sdr mmap failed res No such device\n"), std::string::npos)
@@ -71,10 +67,9 @@ TEST_F(SdrLogTest, RepeatedInitIsLogged) {
 }
 
 TEST_F(SdrLogTest, SyncTimeLogsItsReadings) {
-    const DevMemFile &mem = DevMemFile::instance();
-    mem.put<uint32_t>(VASK_SYNC_PHYS_ADDR + VASK_SYNC_INDEX, 7);
-    mem.put<uint64_t>(VASK_SYNC_PHYS_ADDR + VASK_SYNC_LOCAL_TIME, 123456789012ull);
-    mem.put<uint32_t>(VASK_SYNC_PHYS_ADDR + VASK_SYNC_SSFN_LATCH, 0x00030010u);
+    mem().put<uint32_t>(VASK_SYNC_PHYS_ADDR + VASK_SYNC_INDEX, 7);
+    mem().put<uint64_t>(VASK_SYNC_PHYS_ADDR + VASK_SYNC_LOCAL_TIME, 123456789012ull);
+    mem().put<uint32_t>(VASK_SYNC_PHYS_ADDR + VASK_SYNC_SSFN_LATCH, 0x00030010u);
     const std::string out = capture(kModLevel | LOG_HDR_FUNC, 1, [] {
         uint32_t index;
         uint64_t local, ssfn;

