@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,11 +18,13 @@
 
 namespace sdr_test {
 
-// Fresh directory below KERM_TEST_TMP (or /tmp).
-inline std::string scratch_dir(const char *tag) {
-    const char *base = getenv("KERM_TEST_TMP");
-    std::string dir = (base != nullptr && base[0] != '\0') ? base : "/tmp";
-    mkdir(dir.c_str(), 0700);
+// Fresh directory below `parent`, by default KERM_TEST_TMP (or /tmp).
+inline std::string scratch_dir(const char *tag, std::string dir = {}) {
+    if (dir.empty()) {
+        const char *base = getenv("KERM_TEST_TMP");
+        dir = (base != nullptr && base[0] != '\0') ? base : "/tmp";
+        mkdir(dir.c_str(), 0700);
+    }
     std::string path = dir + "/" + tag + "-XXXXXX";
     if (mkdtemp(path.data()) == nullptr) ADD_FAILURE() << "mkdtemp " << path;
     return path;
@@ -68,6 +71,11 @@ private:
         // Up to a page beyond the 4 GiB mark: the time-sync block sits just below it.
         if (fd_ < 0 || ftruncate(fd_, static_cast<off_t>(0x100001000ull)) != 0) ADD_FAILURE() << "no " << root;
     }
+    ~DevMem() {
+        close(fd_);
+        std::error_code ignored;
+        std::filesystem::remove_all(root, ignored);
+    }
     int fd_ = -1;
 };
 
@@ -84,9 +92,9 @@ protected:
     }
     static const DevMem &mem() { return DevMem::get(); }
     // A root whose dev/mem is missing, or is a FIFO (opens, cannot be mapped).
-    static void use_missing_device() { set_root(scratch_dir("sdr-nodev")); }
+    static void use_missing_device() { set_root(scratch_dir("nodev", mem().root)); }
     static void use_fifo_device() {
-        const std::string root = scratch_dir("sdr-fifo");
+        const std::string root = scratch_dir("fifo", mem().root);
         ASSERT_EQ(mkdir((root + "/dev").c_str(), 0700), 0);
         ASSERT_EQ(mkfifo((root + "/dev/mem").c_str(), 0600), 0);
         set_root(root);

@@ -90,7 +90,6 @@ TEST_F(ShmemTest, MissingDeviceStillYieldsAHandle) {
 using ShmemDeathTest = ShmemTest;
 
 TEST_F(ShmemDeathTest, ReadingThroughAFailedMappingFaults) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     use_missing_device();
     EXPECT_DEATH(
         {
