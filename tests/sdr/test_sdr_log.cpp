@@ -1,5 +1,8 @@
 // Log lines of the SDR and time-sync functions: module 0, level 1, the fixed
 // source path text and the function name.
+#include <errno.h>
+#include <string.h>
+
 #include <functional>
 #include <string>
 
@@ -55,8 +58,9 @@ TEST_F(SdrLogTest, InitFailuresAreLoggedAtErrorLevelOfModuleZero) {
     use_fifo_device();
     out = capture(LOG_HDR_FUNC, 1, init);
     EXPECT_NE(out.find("[      vask_util_sdr_init :util sdr mmap2 \n"), std::string::npos) << out;
-    EXPECT_NE(out.find("[      vask_util_sdr_init :util sdr mmap failed res No such device\n"), std::string::npos)
-        << out;
+    // A 32-bit process runs out of address space before the device is asked.
+    const std::string why = strerror(sizeof(void *) == 4 ? ENOMEM : ENODEV);
+    EXPECT_NE(out.find("[      vask_util_sdr_init :util sdr mmap failed res " + why + "\n"), std::string::npos) << out;
 }
 
 TEST_F(SdrLogTest, RepeatedInitIsLogged) {
