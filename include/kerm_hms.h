@@ -15,12 +15,13 @@ extern "C" {
 #endif
 
 /* One error point's state. Two records denote the same error point when code
- * and index are equal. Packed so that it is the 6 bytes it is on the wire. */
+ * and index are equal. A plain record: report entries are written field by
+ * field, so it keeps its natural size and alignment. */
 typedef struct vask_hms_err {
     uint32_t code;  /* error code of the rule or of the injected error */
     uint8_t index;  /* sub-index within the code's range */
     uint8_t status; /* 0 = no error / cleared */
-} __attribute__((packed)) vask_hms_err;
+} vask_hms_err;
 
 /* List links; a list's sentinel is one of these, so an empty list's links
  * point at the sentinel itself. */
