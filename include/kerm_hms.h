@@ -14,14 +14,14 @@
 extern "C" {
 #endif
 
-/* One error point's state. Two records denote the same error point when code
- * and index are equal. A plain record: report entries are written field by
- * field, so it keeps its natural size and alignment. */
+/* One error point's state: the 6-byte record, packed so that arrays of it
+ * have the same layout as the report entries. Two records denote the same
+ * error point when code and index are equal. */
 typedef struct vask_hms_err {
     uint32_t code;  /* error code of the rule or of the injected error */
     uint8_t index;  /* sub-index within the code's range */
     uint8_t status; /* 0 = no error / cleared */
-} vask_hms_err;
+} __attribute__((packed)) vask_hms_err;
 
 /* List links; a list's sentinel is one of these, so an empty list's links
  * point at the sentinel itself. */

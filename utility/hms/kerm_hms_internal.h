@@ -7,7 +7,7 @@
 #include "kerm_hms.h"
 
 // Record sizes on the 32-bit target; other widths derive from the pointer size.
-static_assert(sizeof(vask_hms_err) == 8);
+static_assert(sizeof(vask_hms_err) == 6);
 static_assert(sizeof(void *) != 4 || sizeof(vask_hms_link) == 8);
 static_assert(sizeof(void *) != 4 || sizeof(vask_hms_node) == 16);
 static_assert(sizeof(void *) != 4 || sizeof(vask_hms_list) == 12);
