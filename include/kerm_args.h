@@ -44,24 +44,24 @@ typedef struct Argoat {
 
 /* Parses argv[1] .. argv[argc - 1]; afterwards, when unflagged_max > 0, calls
  * entry 0's handler with the collected arguments (also when there are none). */
-KERM_API void argoat_graze(Argoat *args, int32_t argc, char **argv);
+KERM_API void argoat_graze(Argoat *args, int32_t argc, char **argv) KERM_NOEXCEPT;
 
 /* Runs the handler of `flag` ("name" or "name=value") with `count` parameters
  * at `pars`; parameters beyond the flag's limit become unflagged arguments.
  * For "name=value" the value is copied over pars[-1] (the slot that held the
  * flag) and passed as the first parameter. A null or unknown flag does nothing. */
-KERM_API void argoat_sacrifice(Argoat *args, const char *flag, char **pars, int32_t count);
+KERM_API void argoat_sacrifice(Argoat *args, const char *flag, char **pars, int32_t count) KERM_NOEXCEPT;
 
 /* Runs each letter of the compound short flag *arg ("-abc") as a flag without
  * parameters. */
-KERM_API void argoat_compound(Argoat *args, char **arg);
+KERM_API void argoat_compound(Argoat *args, char **arg) KERM_NOEXCEPT;
 
 /* With a pending flag returns 1 (par is one of its parameters). Without one,
  * collects par as unflagged while there is room (dropped otherwise), returns 0. */
-KERM_API int32_t argoat_increment_pars(Argoat *args, const char *flag, char *par);
+KERM_API int32_t argoat_increment_pars(Argoat *args, const char *flag, char *par) KERM_NOEXCEPT;
 
 /* Calls entry 0's handler with the collected unflagged arguments. */
-KERM_API void argoat_unflagged_sacrifice(Argoat *args);
+KERM_API void argoat_unflagged_sacrifice(Argoat *args) KERM_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -25,36 +25,36 @@
 extern "C" {
 #endif
 
-KERM_API uint8_t vask_util_crc8_calc(const uint8_t *data, uint32_t len, uint8_t seed);
+KERM_API uint8_t vask_util_crc8_calc(const uint8_t *data, uint32_t len, uint8_t seed) KERM_NOEXCEPT;
 
 /* CRC of frame[0 .. frame_len - 2], stored into frame[frame_len - 1] and
  * returned. A frame shorter than 1 byte (or null) is left alone; returns 0. */
-KERM_API uint8_t vask_util_crc8_append(uint8_t *frame, uint32_t frame_len, uint8_t seed);
+KERM_API uint8_t vask_util_crc8_append(uint8_t *frame, uint32_t frame_len, uint8_t seed) KERM_NOEXCEPT;
 
 /* 0 when frame[frame_len - 1] is the CRC of the bytes before it, else
  * KERM_ERR_FAIL (also for a null or empty frame). */
-KERM_API int32_t vask_util_crc8_verify(const uint8_t *frame, uint32_t frame_len, uint8_t seed);
+KERM_API int32_t vask_util_crc8_verify(const uint8_t *frame, uint32_t frame_len, uint8_t seed) KERM_NOEXCEPT;
 
-KERM_API uint16_t vask_util_crc16_calc(const uint8_t *data, uint32_t len, uint16_t seed);
+KERM_API uint16_t vask_util_crc16_calc(const uint8_t *data, uint32_t len, uint16_t seed) KERM_NOEXCEPT;
 
 /* CRC of frame[0 .. frame_len - 3], stored little-endian into the last two
  * bytes. Returns only the high byte of the CRC (the byte stored last); callers
  * read the stored bytes for the full value. A frame shorter than 2 bytes (or
  * null) is left alone; returns 0. */
-KERM_API uint8_t vask_util_crc16_append(uint8_t *frame, uint32_t frame_len, uint16_t seed);
+KERM_API uint8_t vask_util_crc16_append(uint8_t *frame, uint32_t frame_len, uint16_t seed) KERM_NOEXCEPT;
 
 /* 0 when the last two bytes hold the little-endian CRC of the bytes before
  * them, else KERM_ERR_FAIL (also for a null frame or one shorter than 2). */
-KERM_API int32_t vask_util_crc16_verify(const uint8_t *frame, uint32_t frame_len, uint16_t seed);
+KERM_API int32_t vask_util_crc16_verify(const uint8_t *frame, uint32_t frame_len, uint16_t seed) KERM_NOEXCEPT;
 
-KERM_API uint16_t vask_util_crc16_ccitt_calc(const uint8_t *data, uint32_t len, uint16_t seed);
+KERM_API uint16_t vask_util_crc16_ccitt_calc(const uint8_t *data, uint32_t len, uint16_t seed) KERM_NOEXCEPT;
 
 /* The XMODEM calculator's contract limits len to 65535 bytes: the device's
  * callers count positions in 16 bits, and portable callers must split longer
  * data into chained calls. This implementation does not wrap: for len of
  * 65536 and more it still returns the CRC of all len bytes (never a hang and
  * never a partial result), identical to chaining shorter pieces. */
-KERM_API uint16_t vask_util_crc16_xmodem_calc(const uint8_t *data, uint32_t len, uint16_t seed);
+KERM_API uint16_t vask_util_crc16_xmodem_calc(const uint8_t *data, uint32_t len, uint16_t seed) KERM_NOEXCEPT;
 
 #ifdef __cplusplus
 }

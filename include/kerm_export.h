@@ -8,6 +8,14 @@
 #define KERM_API
 #endif
 
+/* The implementation is C++ and never lets an exception out; C++ callers
+ * see that in the declarations. */
+#ifdef __cplusplus
+#define KERM_NOEXCEPT noexcept
+#else
+#define KERM_NOEXCEPT
+#endif
+
 /* Status codes shared by the families (containers use 0 / -1 instead). */
 #define KERM_OK 0
 #define KERM_ERR_FAIL (-1001)          /* general failure or refusal */

@@ -138,29 +138,29 @@ typedef struct vask_hms_client {
 #define VASK_HMS_MSG_INDEX 0x7Fu /* byte 2: packet index within the cycle */
 
 /* Node pool. */
-KERM_API int32_t vask_hms_pool_init(vask_hms_pool *pool, uint32_t count);
-KERM_API int32_t vask_hms_pool_deinit(vask_hms_pool *pool);
+KERM_API int32_t vask_hms_pool_init(vask_hms_pool *pool, uint32_t count) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_pool_deinit(vask_hms_pool *pool) KERM_NOEXCEPT;
 
 /* Error store. */
-KERM_API int32_t vask_hms_data_init(vask_hms_data *data);
-KERM_API int32_t vask_hms_data_deinit(vask_hms_data *data);
-KERM_API int32_t vask_hms_data_insert(vask_hms_data *data, vask_hms_pool *pool, const vask_hms_err *err);
-KERM_API int32_t vask_hms_data_reset_recv(vask_hms_data *data, vask_hms_pool *pool);
-KERM_API int32_t vask_hms_data_reset(vask_hms_data *data, vask_hms_pool *pool);
-KERM_API int32_t vask_hms_data_client_sync(vask_hms_data *data, vask_hms_pool *pool);
-KERM_API int32_t vask_hms_data_server_sync(vask_hms_data *data, vask_hms_pool *pool);
+KERM_API int32_t vask_hms_data_init(vask_hms_data *data) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_data_deinit(vask_hms_data *data) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_data_insert(vask_hms_data *data, vask_hms_pool *pool, const vask_hms_err *err) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_data_reset_recv(vask_hms_data *data, vask_hms_pool *pool) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_data_reset(vask_hms_data *data, vask_hms_pool *pool) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_data_client_sync(vask_hms_data *data, vask_hms_pool *pool) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_data_server_sync(vask_hms_data *data, vask_hms_pool *pool) KERM_NOEXCEPT;
 
 /* Client. The worker is woken by signal 10 (SIGUSR1) on destroy: the process
  * must handle or ignore that signal first. */
-KERM_API int32_t vask_hms_create_client(const vask_hms_config *cfg, vask_hms_client **out);
-KERM_API int32_t vask_hms_start_client(vask_hms_client *client);
-KERM_API int32_t vask_hms_suspend_client(vask_hms_client *client);
-KERM_API int32_t vask_hms_resume_client(vask_hms_client *client);
-KERM_API int32_t vask_hms_restart_client(vask_hms_client *client);
-KERM_API int32_t vask_hms_destroy_client(vask_hms_client *client);
-KERM_API int32_t vask_hms_set_subscriber(vask_hms_client *client, uint16_t host, uint8_t value);
-KERM_API int32_t vask_hms_insert_err(vask_hms_client *client, const vask_hms_err *err);
-KERM_API int32_t vask_hms_inject_err(vask_hms_client *client, const vask_hms_err *err);
+KERM_API int32_t vask_hms_create_client(const vask_hms_config *cfg, vask_hms_client **out) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_start_client(vask_hms_client *client) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_suspend_client(vask_hms_client *client) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_resume_client(vask_hms_client *client) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_restart_client(vask_hms_client *client) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_destroy_client(vask_hms_client *client) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_set_subscriber(vask_hms_client *client, uint16_t host, uint8_t value) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_insert_err(vask_hms_client *client, const vask_hms_err *err) KERM_NOEXCEPT;
+KERM_API int32_t vask_hms_inject_err(vask_hms_client *client, const vask_hms_err *err) KERM_NOEXCEPT;
 
 #ifdef __cplusplus
 }

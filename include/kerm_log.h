@@ -59,30 +59,30 @@ extern "C" {
 #define VASK_LOG_HEAD_SIZE 128
 
 KERM_API uint32_t vask_log_gen_head(uint32_t module, uint32_t level, char *buf, uint32_t size,
-                                    const char *file, const char *function, int32_t line);
+                                    const char *file, const char *function, int32_t line) KERM_NOEXCEPT;
 KERM_API int32_t vask_log_print(uint32_t module, uint32_t level, const char *head,
-                                const char *format, ...)
+                                const char *format, ...) KERM_NOEXCEPT
 #if defined(__GNUC__)
     __attribute__((format(printf, 4, 5)))
 #endif
     ;
 KERM_API void vask_log_print_syslog(uint32_t module, uint32_t level, const char *head,
-                                    const char *format, ...)
+                                    const char *format, ...) KERM_NOEXCEPT
 #if defined(__GNUC__)
     __attribute__((format(printf, 4, 5)))
 #endif
     ;
 /* arg and value_or_ptr carry a number or a pointer, depending on the command. */
-KERM_API int32_t vask_log_control(uint32_t command, uintptr_t arg, uintptr_t value_or_ptr);
-KERM_API uint32_t vask_log_initialize(uint32_t level, uint32_t output);
-KERM_API char *get_local_time(char *dst, uint32_t size);
-KERM_API char *get_local_time_no_year(char *dst, uint32_t size);
+KERM_API int32_t vask_log_control(uint32_t command, uintptr_t arg, uintptr_t value_or_ptr) KERM_NOEXCEPT;
+KERM_API uint32_t vask_log_initialize(uint32_t level, uint32_t output) KERM_NOEXCEPT;
+KERM_API char *get_local_time(char *dst, uint32_t size) KERM_NOEXCEPT;
+KERM_API char *get_local_time_no_year(char *dst, uint32_t size) KERM_NOEXCEPT;
 
-KERM_API int32_t vask_log_server_initialize(void);
-KERM_API int32_t vask_log_server_recv(void *buf, uint32_t len);
+KERM_API int32_t vask_log_server_initialize(void) KERM_NOEXCEPT;
+KERM_API int32_t vask_log_server_recv(void *buf, uint32_t len) KERM_NOEXCEPT;
 
-KERM_API uint32_t vask_log_copy_backtrace(char *dst, int32_t size);
-KERM_API uint32_t vask_log_dump_backtrace(const char *logtag);
+KERM_API uint32_t vask_log_copy_backtrace(char *dst, int32_t size) KERM_NOEXCEPT;
+KERM_API uint32_t vask_log_dump_backtrace(const char *logtag) KERM_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -6,15 +6,6 @@
 #include <stdint.h>
 #include "kerm_export.h"
 
-/* The definitions are C++ and cannot throw; say so to C++ callers. */
-#ifndef KERM_NOEXCEPT
-#ifdef __cplusplus
-#define KERM_NOEXCEPT noexcept
-#else
-#define KERM_NOEXCEPT
-#endif
-#endif
-
 #ifdef __cplusplus
 extern "C" {
 #endif

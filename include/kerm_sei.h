@@ -16,13 +16,6 @@
 extern "C" {
 #endif
 
-/* Exported functions never throw; C++ callers may rely on it. */
-#ifdef __cplusplus
-#define WL_NOEXCEPT noexcept
-#else
-#define WL_NOEXCEPT
-#endif
-
 #if defined(__GNUC__) || defined(__clang__)
 #define WL_PACKED __attribute__((packed))
 #else
@@ -154,51 +147,51 @@ typedef int32_t (*WlStartTimeConvertFn)(uint64_t *old_start_us, uint64_t *new_st
 
 /* Writes both outputs only when the buffer ends with an AUD. */
 KERM_API void wl_get_codec_type_by_aud(const uint8_t *buf, uint32_t len, uint32_t *aud_len,
-                                       uint32_t *codec) WL_NOEXCEPT;
+                                       uint32_t *codec) KERM_NOEXCEPT;
 /* 1 when the frame tail holds an on-demand-I SEI, else 0. Preset *codec. */
 KERM_API uint32_t wl_get_OndI_sei_nal_info(SeiNalInfo *ondi, const uint8_t *buf, uint32_t len,
-                                           uint32_t *tail_len, uint32_t *codec) WL_NOEXCEPT;
+                                           uint32_t *tail_len, uint32_t *codec) KERM_NOEXCEPT;
 /* entries[0] is the on-demand-I SEI, entries[1..] the chained SEIs walking
  * back from the tail; `entries` holds max_cnt records. */
 KERM_API int32_t wl_get_all_sei_nal_info(const uint8_t *buf, uint32_t len, int32_t max_cnt,
-                                         uint32_t *count, SeiNalInfo *entries) WL_NOEXCEPT;
+                                         uint32_t *count, SeiNalInfo *entries) KERM_NOEXCEPT;
 KERM_API uint32_t wl_print_all_sei_info(const SeiNalInfo *entries, int32_t count,
-                                        const uint8_t *print_payloads) WL_NOEXCEPT;
+                                        const uint8_t *print_payloads) KERM_NOEXCEPT;
 
 /* ---- timing ---- */
-KERM_API int32_t wl_insert_new_ts_md(TimingMd *md, uint32_t dev, uint32_t tb, uint32_t ts) WL_NOEXCEPT;
+KERM_API int32_t wl_insert_new_ts_md(TimingMd *md, uint32_t dev, uint32_t tb, uint32_t ts) KERM_NOEXCEPT;
 /* Returns the bytes written (106 H.264, 107 H.265) or 0. */
 KERM_API uint32_t wl_enc_timing_sei(uint8_t *dst, uint32_t codec, int32_t free_len,
-                                    const TimingMd *md) WL_NOEXCEPT;
-KERM_API int32_t wl_parse_timing_sei(const SeiNalInfo *info, TimingMd *md) WL_NOEXCEPT;
-KERM_API int32_t wl_insert_new_ts_stream(SeiNalInfo *info, uint32_t dev, uint32_t tb, uint32_t ts) WL_NOEXCEPT;
+                                    const TimingMd *md) KERM_NOEXCEPT;
+KERM_API int32_t wl_parse_timing_sei(const SeiNalInfo *info, TimingMd *md) KERM_NOEXCEPT;
+KERM_API int32_t wl_insert_new_ts_stream(SeiNalInfo *info, uint32_t dev, uint32_t tb, uint32_t ts) KERM_NOEXCEPT;
 KERM_API int32_t wl_insert_new_ts_direct(uint8_t *buf, uint32_t len, uint32_t dev, uint32_t tb,
-                                         uint32_t ts) WL_NOEXCEPT;
-KERM_API int32_t wl_transform_timing_sei(SeiNalInfo *info, WlTsConvertFn fn) WL_NOEXCEPT;
-KERM_API uint32_t wl_print_timing_sei_value(const TimingMd *md) WL_NOEXCEPT;
+                                         uint32_t ts) KERM_NOEXCEPT;
+KERM_API int32_t wl_transform_timing_sei(SeiNalInfo *info, WlTsConvertFn fn) KERM_NOEXCEPT;
+KERM_API uint32_t wl_print_timing_sei_value(const TimingMd *md) KERM_NOEXCEPT;
 
 /* ---- on-demand-I ---- */
 /* Non-zero `h264` selects H.264, zero H.265 (the reverse of the codec code).
  * Returns 33 or 34, or 0. */
-KERM_API uint32_t wl_enc_ondI_sei(uint8_t *dst, uint32_t h264, int32_t free_len, const OndIMd *md) WL_NOEXCEPT;
-KERM_API int32_t wl_update_ondI_sei_enc_time_value(SeiNalInfo *ondi, uint32_t enc_time) WL_NOEXCEPT;
-KERM_API int32_t wl_parse_ondI_sei(const SeiNalInfo *ondi, OndIMd *md) WL_NOEXCEPT;
+KERM_API uint32_t wl_enc_ondI_sei(uint8_t *dst, uint32_t h264, int32_t free_len, const OndIMd *md) KERM_NOEXCEPT;
+KERM_API int32_t wl_update_ondI_sei_enc_time_value(SeiNalInfo *ondi, uint32_t enc_time) KERM_NOEXCEPT;
+KERM_API int32_t wl_parse_ondI_sei(const SeiNalInfo *ondi, OndIMd *md) KERM_NOEXCEPT;
 KERM_API int32_t wl_parse_ondemandI_sei(const uint8_t *buf, uint32_t len, SeiNalInfo *ondi,
                                         OndIMd *md, uint32_t *tail_len, uint32_t *codec,
-                                        uint8_t *found) WL_NOEXCEPT;
-KERM_API uint32_t wl_print_ondI_sei_value(const OndIMd *md) WL_NOEXCEPT;
+                                        uint8_t *found) KERM_NOEXCEPT;
+KERM_API uint32_t wl_print_ondI_sei_value(const OndIMd *md) KERM_NOEXCEPT;
 
 /* ---- live-view stream ---- */
-KERM_API void wl_init_lvstream_md(LiveviewMd *md) WL_NOEXCEPT;
+KERM_API void wl_init_lvstream_md(LiveviewMd *md) KERM_NOEXCEPT;
 /* `frame_len` is the number of frame bytes before `dst`. */
 KERM_API int32_t wl_enc_lvstream_sei(uint8_t *dst, uint32_t codec, int32_t free_len,
                                      uint32_t frame_len, const LiveviewMd *md,
-                                     uint32_t *lvstream_len, uint32_t *dummy_len) WL_NOEXCEPT;
+                                     uint32_t *lvstream_len, uint32_t *dummy_len) KERM_NOEXCEPT;
 KERM_API void wl_parse_lvstream_sei(const uint8_t *buf, int32_t len, LiveviewMd *md,
-                                    SeiNalInfo *info) WL_NOEXCEPT;
+                                    SeiNalInfo *info) KERM_NOEXCEPT;
 KERM_API int32_t wl_update_moduleinfo(uint8_t *buf, uint32_t len, uint32_t module_id, uint32_t tb,
                                       uint32_t end_time, uint8_t err_code,
-                                      WlStartTimeConvertFn fn) WL_NOEXCEPT;
+                                      WlStartTimeConvertFn fn) KERM_NOEXCEPT;
 
 #ifdef __cplusplus
 }

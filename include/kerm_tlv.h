@@ -30,15 +30,15 @@ extern "C" {
  * A null cursor, *cursor or remaining (or a null value with len > 0) writes
  * nothing and returns KERM_ERR_PARAM; every successful call returns >= 0. */
 KERM_API int32_t ddtlv_add(uint8_t **cursor, int32_t *remaining, uint16_t type, uint16_t len,
-                           const void *value);
+                           const void *value) KERM_NOEXCEPT;
 KERM_API int32_t sstlv_add(uint8_t **cursor, int32_t *remaining, uint8_t type, uint8_t len,
-                           const void *value);
+                           const void *value) KERM_NOEXCEPT;
 
 /* Returns the header of the record at *cursor and steps past it, or null
  * (cursor and count unchanged) when the header or the value would run past
  * *remaining bytes. Null arguments also give null. */
-KERM_API uint8_t *ddtlv_get_next(uint8_t **cursor, int32_t *remaining);
-KERM_API uint8_t *sstlv_get_next(uint8_t **cursor, int32_t *remaining);
+KERM_API uint8_t *ddtlv_get_next(uint8_t **cursor, int32_t *remaining) KERM_NOEXCEPT;
+KERM_API uint8_t *sstlv_get_next(uint8_t **cursor, int32_t *remaining) KERM_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -39,8 +39,8 @@ struct uuid {
 };
 
 /* Null arguments do nothing. */
-KERM_API void uuid_pack(const struct uuid *uu, uuid_t ptr);
-KERM_API void uuid_unpack(const uuid_t in, struct uuid *uu);
+KERM_API void uuid_pack(const struct uuid *uu, uuid_t ptr) KERM_NOEXCEPT;
+KERM_API void uuid_unpack(const uuid_t in, struct uuid *uu) KERM_NOEXCEPT;
 
 #ifdef __cplusplus
 }

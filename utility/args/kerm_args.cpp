@@ -20,7 +20,7 @@ const ArgoatSprig *find_sprig(const Argoat *args, const char *name, size_t n) no
 
 extern "C" {
 
-int32_t argoat_increment_pars(Argoat *args, const char *flag, char *par) {
+int32_t argoat_increment_pars(Argoat *args, const char *flag, char *par) noexcept {
     if (flag != nullptr) return 1;
     if (args != nullptr && args->unflagged != nullptr && args->unflagged_count >= 0 &&
         args->unflagged_count < args->unflagged_max)
@@ -28,7 +28,7 @@ int32_t argoat_increment_pars(Argoat *args, const char *flag, char *par) {
     return 0;
 }
 
-void argoat_sacrifice(Argoat *args, const char *flag, char **pars, int32_t count) {
+void argoat_sacrifice(Argoat *args, const char *flag, char **pars, int32_t count) noexcept {
     if (args == nullptr || flag == nullptr) return;
     const char *eq = strchr(flag, '=');
     const size_t n = eq != nullptr ? static_cast<size_t>(eq - flag) : strlen(flag);
@@ -54,7 +54,7 @@ void argoat_sacrifice(Argoat *args, const char *flag, char **pars, int32_t count
     if (sprig->func != nullptr) sprig->func(sprig->data, pars, count);
 }
 
-void argoat_compound(Argoat *args, char **arg) {
+void argoat_compound(Argoat *args, char **arg) noexcept {
     if (arg == nullptr || *arg == nullptr || **arg == '\0') return;
     for (const char *c = *arg + 1; *c != '\0'; ++c) {
         const char flag[2] = {*c, '\0'};
@@ -62,13 +62,13 @@ void argoat_compound(Argoat *args, char **arg) {
     }
 }
 
-void argoat_unflagged_sacrifice(Argoat *args) {
+void argoat_unflagged_sacrifice(Argoat *args) noexcept {
     if (args == nullptr || args->sprigs == nullptr || args->count < 1) return;
     const ArgoatSprig &all = args->sprigs[0];
     if (all.func != nullptr) all.func(all.data, args->unflagged, args->unflagged_count);
 }
 
-void argoat_graze(Argoat *args, int32_t argc, char **argv) {
+void argoat_graze(Argoat *args, int32_t argc, char **argv) noexcept {
     if (args == nullptr || argv == nullptr) return;
     const char *flag = nullptr;
     char **pars = nullptr;

@@ -107,27 +107,27 @@ uint16_t augmented_update(uint16_t crc, const uint8_t *p, size_t len) noexcept {
 
 extern "C" {
 
-uint8_t vask_util_crc8_calc(const uint8_t *data, uint32_t len, uint8_t seed) {
+uint8_t vask_util_crc8_calc(const uint8_t *data, uint32_t len, uint8_t seed) noexcept {
     return data == nullptr ? seed : crc8_update(seed, data, len);
 }
 
-uint8_t vask_util_crc8_append(uint8_t *frame, uint32_t frame_len, uint8_t seed) {
+uint8_t vask_util_crc8_append(uint8_t *frame, uint32_t frame_len, uint8_t seed) noexcept {
     if (frame == nullptr || frame_len < 1) return 0;
     uint8_t crc = crc8_update(seed, frame, frame_len - 1);
     frame[frame_len - 1] = crc;
     return crc;
 }
 
-int32_t vask_util_crc8_verify(const uint8_t *frame, uint32_t frame_len, uint8_t seed) {
+int32_t vask_util_crc8_verify(const uint8_t *frame, uint32_t frame_len, uint8_t seed) noexcept {
     if (frame == nullptr || frame_len < 1) return KERM_ERR_FAIL;
     return crc8_update(seed, frame, frame_len - 1) == frame[frame_len - 1] ? KERM_OK : KERM_ERR_FAIL;
 }
 
-uint16_t vask_util_crc16_calc(const uint8_t *data, uint32_t len, uint16_t seed) {
+uint16_t vask_util_crc16_calc(const uint8_t *data, uint32_t len, uint16_t seed) noexcept {
     return data == nullptr ? seed : crc16r_update(seed, data, len);
 }
 
-uint8_t vask_util_crc16_append(uint8_t *frame, uint32_t frame_len, uint16_t seed) {
+uint8_t vask_util_crc16_append(uint8_t *frame, uint32_t frame_len, uint16_t seed) noexcept {
     if (frame == nullptr || frame_len < 2) return 0;
     uint16_t crc = crc16r_update(seed, frame, frame_len - 2);
     frame[frame_len - 2] = static_cast<uint8_t>(crc & 0xFFu);
@@ -135,7 +135,7 @@ uint8_t vask_util_crc16_append(uint8_t *frame, uint32_t frame_len, uint16_t seed
     return static_cast<uint8_t>(crc >> 8);
 }
 
-int32_t vask_util_crc16_verify(const uint8_t *frame, uint32_t frame_len, uint16_t seed) {
+int32_t vask_util_crc16_verify(const uint8_t *frame, uint32_t frame_len, uint16_t seed) noexcept {
     if (frame == nullptr || frame_len < 2) return KERM_ERR_FAIL;
     uint16_t crc = crc16r_update(seed, frame, frame_len - 2);
     if (frame[frame_len - 2] != (crc & 0xFFu)) return KERM_ERR_FAIL;
@@ -143,11 +143,11 @@ int32_t vask_util_crc16_verify(const uint8_t *frame, uint32_t frame_len, uint16_
     return KERM_OK;
 }
 
-uint16_t vask_util_crc16_ccitt_calc(const uint8_t *data, uint32_t len, uint16_t seed) {
+uint16_t vask_util_crc16_ccitt_calc(const uint8_t *data, uint32_t len, uint16_t seed) noexcept {
     return data == nullptr ? seed : augmented_update(seed, data, len);
 }
 
-uint16_t vask_util_crc16_xmodem_calc(const uint8_t *data, uint32_t len, uint16_t seed) {
+uint16_t vask_util_crc16_xmodem_calc(const uint8_t *data, uint32_t len, uint16_t seed) noexcept {
     return data == nullptr ? seed : direct16_update(seed, data, len);
 }
 

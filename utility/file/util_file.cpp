@@ -34,7 +34,7 @@ void *load_failed(int fd, void *buf, uint32_t *out_len) {
 
 extern "C" {
 
-KERM_API int32_t vask_access_file(const char *path) {
+KERM_API int32_t vask_access_file(const char *path) noexcept {
     int fd = path != nullptr ? open(path, O_RDONLY) : -1;
     if (fd < 0) {
         FILE_LOG(VASK_LOG_ERROR, "Cannot open file %s\n", shown(path));
@@ -44,7 +44,7 @@ KERM_API int32_t vask_access_file(const char *path) {
     return KERM_OK;
 }
 
-KERM_API int32_t vask_get_file_size(const char *path) {
+KERM_API int32_t vask_get_file_size(const char *path) noexcept {
     int fd = path != nullptr ? open(path, O_RDONLY) : -1;
     if (fd < 0) {
         FILE_LOG(VASK_LOG_ERROR, "Cannot open file %s\n", shown(path));
@@ -60,7 +60,7 @@ KERM_API int32_t vask_get_file_size(const char *path) {
     return static_cast<int32_t>(static_cast<uint32_t>(st.st_size));
 }
 
-KERM_API void *vask_load_file(const char *path, uint32_t offset, uint32_t max_len, uint32_t *out_len) {
+KERM_API void *vask_load_file(const char *path, uint32_t offset, uint32_t max_len, uint32_t *out_len) noexcept {
     int fd = path != nullptr ? open(path, O_RDONLY) : -1;
     FILE_LOG(VASK_LOG_TRACE, "load file: %s...\n", shown(path));
     if (fd < 0) {
@@ -102,7 +102,7 @@ KERM_API void *vask_load_file(const char *path, uint32_t offset, uint32_t max_le
     return buf;
 }
 
-KERM_API int32_t vask_mmap_file_open(uint32_t mode, const char *path, uint32_t size, MmapFile *file) {
+KERM_API int32_t vask_mmap_file_open(uint32_t mode, const char *path, uint32_t size, MmapFile *file) noexcept {
     if (path == nullptr || file == nullptr) return KERM_ERR_EXHAUSTED;
     const bool write_mode = mode == VASK_MMAP_FILE_WRITE;
     int fd = write_mode ? open(path, O_RDWR | O_CREAT, 0660) : open(path, O_RDONLY);
@@ -145,7 +145,7 @@ KERM_API int32_t vask_mmap_file_open(uint32_t mode, const char *path, uint32_t s
     return KERM_OK;
 }
 
-KERM_API int32_t vask_mmap_file_write(MmapFile *file, const uint8_t *data, int32_t n) {
+KERM_API int32_t vask_mmap_file_write(MmapFile *file, const uint8_t *data, int32_t n) noexcept {
     if (file == nullptr || (data == nullptr && n != 0)) return KERM_ERR_PARAM;
     // A negative count reads as a huge one; a read-only mapping has no room.
     const uint64_t end = static_cast<uint64_t>(file->used) + static_cast<uint32_t>(n);
@@ -155,7 +155,7 @@ KERM_API int32_t vask_mmap_file_write(MmapFile *file, const uint8_t *data, int32
     return KERM_OK;
 }
 
-KERM_API int32_t vask_mmap_file_close(MmapFile *file) {
+KERM_API int32_t vask_mmap_file_close(MmapFile *file) noexcept {
     if (file == nullptr || file->fd == 0) return KERM_ERR_EXHAUSTED;
     if (file->mode == VASK_MMAP_FILE_WRITE) {
         // Cut to the written length before write-back and unmap.

@@ -253,7 +253,7 @@ void free_client(vask_hms_client *c) noexcept {
 
 using namespace kerm::hms;
 
-extern "C" int32_t vask_hms_create_client(const vask_hms_config *cfg, vask_hms_client **out) {
+extern "C" int32_t vask_hms_create_client(const vask_hms_config *cfg, vask_hms_client **out) noexcept {
     if (cfg == nullptr || out == nullptr) {
         KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "Parameter NULL!\n");
         return KERM_ERR_PARAM;
@@ -299,7 +299,7 @@ extern "C" int32_t vask_hms_create_client(const vask_hms_config *cfg, vask_hms_c
     return KERM_OK;
 }
 
-extern "C" int32_t vask_hms_start_client(vask_hms_client *c) {
+extern "C" int32_t vask_hms_start_client(vask_hms_client *c) noexcept {
     if (c == nullptr) {
         KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "parameter is NULL\n");
         return KERM_ERR_PARAM;
@@ -313,19 +313,19 @@ extern "C" int32_t vask_hms_start_client(vask_hms_client *c) {
     return pthread_create(&c->thread, nullptr, hms_client_task, c);
 }
 
-extern "C" int32_t vask_hms_suspend_client(vask_hms_client *c) {
+extern "C" int32_t vask_hms_suspend_client(vask_hms_client *c) noexcept {
     return set_flag(c, &vask_hms_client::suspended, 1, __func__);
 }
 
-extern "C" int32_t vask_hms_resume_client(vask_hms_client *c) {
+extern "C" int32_t vask_hms_resume_client(vask_hms_client *c) noexcept {
     return set_flag(c, &vask_hms_client::suspended, 0, __func__);
 }
 
-extern "C" int32_t vask_hms_restart_client(vask_hms_client *c) {
+extern "C" int32_t vask_hms_restart_client(vask_hms_client *c) noexcept {
     return set_flag(c, &vask_hms_client::restart_req, 1, __func__);
 }
 
-extern "C" int32_t vask_hms_destroy_client(vask_hms_client *c) {
+extern "C" int32_t vask_hms_destroy_client(vask_hms_client *c) noexcept {
     if (c == nullptr) {
         KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "Parameter NULL!\n");
         return KERM_ERR_PARAM;
@@ -350,7 +350,7 @@ extern "C" int32_t vask_hms_destroy_client(vask_hms_client *c) {
     return rc;
 }
 
-extern "C" int32_t vask_hms_set_subscriber(vask_hms_client *c, uint16_t host, uint8_t value) {
+extern "C" int32_t vask_hms_set_subscriber(vask_hms_client *c, uint16_t host, uint8_t value) noexcept {
     if (c == nullptr) {
         KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "parameter is NULL\n");
         return KERM_ERR_PARAM;
@@ -378,7 +378,7 @@ extern "C" int32_t vask_hms_set_subscriber(vask_hms_client *c, uint16_t host, ui
     return KERM_OK;
 }
 
-extern "C" int32_t vask_hms_insert_err(vask_hms_client *c, const vask_hms_err *err) {
+extern "C" int32_t vask_hms_insert_err(vask_hms_client *c, const vask_hms_err *err) noexcept {
     if (c == nullptr || err == nullptr) {
         KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "parameter is NULL\n");
         return KERM_ERR_PARAM;
@@ -386,7 +386,7 @@ extern "C" int32_t vask_hms_insert_err(vask_hms_client *c, const vask_hms_err *e
     return vask_hms_data_insert(&c->data, &c->pool, err);
 }
 
-extern "C" int32_t vask_hms_inject_err(vask_hms_client *c, const vask_hms_err *err) {
+extern "C" int32_t vask_hms_inject_err(vask_hms_client *c, const vask_hms_err *err) noexcept {
     if (c == nullptr || err == nullptr) {
         KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "parameter is NULL\n");
         return KERM_ERR_PARAM;

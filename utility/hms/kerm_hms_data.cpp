@@ -155,7 +155,7 @@ vask_hms_node *pop_head(vask_hms_list *l) noexcept {
 using namespace kerm;
 using namespace kerm::hms;
 
-extern "C" int32_t vask_hms_pool_init(vask_hms_pool *pool, uint32_t count) {
+extern "C" int32_t vask_hms_pool_init(vask_hms_pool *pool, uint32_t count) noexcept {
     if (pool == nullptr || count > VASK_HMS_POOL_MAX) return KERM_ERR_PARAM;
     vask_hms_list *l = list_new();
     if (l == nullptr) return KERM_ERR_NO_MEMORY;
@@ -178,7 +178,7 @@ extern "C" int32_t vask_hms_pool_init(vask_hms_pool *pool, uint32_t count) {
     return rc;
 }
 
-extern "C" int32_t vask_hms_pool_deinit(vask_hms_pool *pool) {
+extern "C" int32_t vask_hms_pool_deinit(vask_hms_pool *pool) noexcept {
     if (!pool_ready(pool)) return KERM_ERR_PARAM;
     sem_wait_nointr(&pool->lock);
     list_free(pool->free_list);
@@ -188,7 +188,7 @@ extern "C" int32_t vask_hms_pool_deinit(vask_hms_pool *pool) {
     return KERM_OK;
 }
 
-extern "C" int32_t vask_hms_data_init(vask_hms_data *d) {
+extern "C" int32_t vask_hms_data_init(vask_hms_data *d) noexcept {
     if (d == nullptr) return KERM_ERR_PARAM;
     vask_hms_list *lists[4];
     for (auto &l : lists) l = list_new();
@@ -218,7 +218,7 @@ extern "C" int32_t vask_hms_data_init(vask_hms_data *d) {
     return KERM_OK;
 }
 
-extern "C" int32_t vask_hms_data_deinit(vask_hms_data *d) {
+extern "C" int32_t vask_hms_data_deinit(vask_hms_data *d) noexcept {
     if (!store_ready(d)) return KERM_ERR_PARAM;
     sem_wait_nointr(&d->recv_lock);
     list_free(d->recv);
@@ -238,7 +238,7 @@ extern "C" int32_t vask_hms_data_deinit(vask_hms_data *d) {
     return KERM_OK;
 }
 
-extern "C" int32_t vask_hms_data_insert(vask_hms_data *d, vask_hms_pool *pool, const vask_hms_err *err) {
+extern "C" int32_t vask_hms_data_insert(vask_hms_data *d, vask_hms_pool *pool, const vask_hms_err *err) noexcept {
     if (!store_ready(d) || !pool_ready(pool) || err == nullptr) return KERM_ERR_PARAM;
     sem_wait_nointr(&d->recv_lock);
     sem_wait_nointr(&pool->lock);
@@ -254,7 +254,7 @@ extern "C" int32_t vask_hms_data_insert(vask_hms_data *d, vask_hms_pool *pool, c
     return n != nullptr ? KERM_OK : KERM_ERR_EXHAUSTED;
 }
 
-extern "C" int32_t vask_hms_data_reset_recv(vask_hms_data *d, vask_hms_pool *pool) {
+extern "C" int32_t vask_hms_data_reset_recv(vask_hms_data *d, vask_hms_pool *pool) noexcept {
     if (!store_ready(d) || !pool_ready(pool)) return KERM_ERR_PARAM;
     sem_wait_nointr(&d->recv_lock);
     list_drain(d->recv, pool);
@@ -262,7 +262,7 @@ extern "C" int32_t vask_hms_data_reset_recv(vask_hms_data *d, vask_hms_pool *poo
     return KERM_OK;
 }
 
-extern "C" int32_t vask_hms_data_reset(vask_hms_data *d, vask_hms_pool *pool) {
+extern "C" int32_t vask_hms_data_reset(vask_hms_data *d, vask_hms_pool *pool) noexcept {
     if (!store_ready(d) || !pool_ready(pool)) return KERM_ERR_PARAM;
     sem_wait_nointr(&d->recv_lock);
     list_drain(d->recv, pool);
@@ -276,7 +276,7 @@ extern "C" int32_t vask_hms_data_reset(vask_hms_data *d, vask_hms_pool *pool) {
     return KERM_OK;
 }
 
-extern "C" int32_t vask_hms_data_client_sync(vask_hms_data *d, vask_hms_pool *pool) {
+extern "C" int32_t vask_hms_data_client_sync(vask_hms_data *d, vask_hms_pool *pool) noexcept {
     if (!store_ready(d) || !pool_ready(pool)) return KERM_ERR_PARAM;
     vask_hms_list *batch = take_batch(d);
     if (batch == nullptr) return KERM_OK;
@@ -291,7 +291,7 @@ extern "C" int32_t vask_hms_data_client_sync(vask_hms_data *d, vask_hms_pool *po
     return KERM_OK;
 }
 
-extern "C" int32_t vask_hms_data_server_sync(vask_hms_data *d, vask_hms_pool *pool) {
+extern "C" int32_t vask_hms_data_server_sync(vask_hms_data *d, vask_hms_pool *pool) noexcept {
     if (!store_ready(d) || !pool_ready(pool)) return KERM_ERR_PARAM;
     vask_hms_list *batch = take_batch(d);
     if (batch == nullptr) return KERM_OK;

@@ -56,20 +56,20 @@ static_assert(Dd::kHead == DDTLV_HEAD_SIZE && Ss::kHead == SSTLV_HEAD_SIZE);
 extern "C" {
 
 int32_t ddtlv_add(uint8_t **cursor, int32_t *remaining, uint16_t type, uint16_t len,
-                  const void *value) {
+                  const void *value) noexcept {
     return Dd::add(cursor, remaining, type, len, value);
 }
 
-uint8_t *ddtlv_get_next(uint8_t **cursor, int32_t *remaining) {
+uint8_t *ddtlv_get_next(uint8_t **cursor, int32_t *remaining) noexcept {
     return Dd::next(cursor, remaining);
 }
 
 int32_t sstlv_add(uint8_t **cursor, int32_t *remaining, uint8_t type, uint8_t len,
-                  const void *value) {
+                  const void *value) noexcept {
     return Ss::add(cursor, remaining, type, len, value);
 }
 
-uint8_t *sstlv_get_next(uint8_t **cursor, int32_t *remaining) {
+uint8_t *sstlv_get_next(uint8_t **cursor, int32_t *remaining) noexcept {
     return Ss::next(cursor, remaining);
 }
 

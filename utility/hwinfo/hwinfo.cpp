@@ -53,7 +53,7 @@ uint32_t cmdline_value(const char *key, const char *what, uint8_t *dst, int32_t 
 
 extern "C" {
 
-KERM_API int32_t get_hw_str(char *dst, uint32_t len) {
+KERM_API int32_t get_hw_str(char *dst, uint32_t len) noexcept {
     if (dst == nullptr && len != 0) {
         puts("get_hw_str: null destination");
         return -1;
@@ -103,11 +103,11 @@ KERM_API int32_t get_hw_str(char *dst, uint32_t len) {
     return 0;
 }
 
-KERM_API uint32_t get_chip_sn(uint8_t *dst, int32_t size) {
+KERM_API uint32_t get_chip_sn(uint8_t *dst, int32_t size) noexcept {
     return cmdline_value("chip_sn=", "chip_sn", dst, size);
 }
 
-KERM_API uint32_t get_board_sn(uint8_t *dst, int32_t size) {
+KERM_API uint32_t get_board_sn(uint8_t *dst, int32_t size) noexcept {
     return cmdline_value("board_sn=", "board_sn", dst, size);
 }
 

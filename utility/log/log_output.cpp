@@ -175,7 +175,7 @@ using namespace kerm::log;
 
 extern "C" {
 
-KERM_API int32_t vask_log_print(uint32_t module, uint32_t level, const char *head, const char *format, ...) {
+KERM_API int32_t vask_log_print(uint32_t module, uint32_t level, const char *head, const char *format, ...) noexcept {
     // A busy lock means a control command is running: drop, never wait.
     int rc = pthread_rwlock_tryrdlock(&g_state.lock);
     if (rc != 0) return rc;
@@ -189,14 +189,14 @@ KERM_API int32_t vask_log_print(uint32_t module, uint32_t level, const char *hea
 }
 
 KERM_API void vask_log_print_syslog(uint32_t module, uint32_t level, const char *head, const char *format,
-                                    ...) {
+                                    ...) noexcept {
     va_list ap;
     va_start(ap, format);
     g_outputs[LOG_OUT_SYSLOG].write(module, level, head, format, ap);
     va_end(ap);
 }
 
-KERM_API int32_t vask_log_server_initialize(void) {
+KERM_API int32_t vask_log_server_initialize(void) noexcept {
     int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
     if (fd < 0) return KERM_ERR_FAIL;
     fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
@@ -213,14 +213,14 @@ KERM_API int32_t vask_log_server_initialize(void) {
     return 0;
 }
 
-KERM_API int32_t vask_log_server_recv(void *buf, uint32_t len) {
+KERM_API int32_t vask_log_server_recv(void *buf, uint32_t len) noexcept {
     socklen_t alen = static_cast<socklen_t>(3 + strnlen(g_last_sender.sun_path + 1, sizeof g_last_sender.sun_path - 1));
     if (alen > sizeof g_last_sender) alen = sizeof g_last_sender;
     ssize_t n = recvfrom(g_server_fd, buf, len, 0, reinterpret_cast<struct sockaddr *>(&g_last_sender), &alen);
     return n < 0 ? -1 : static_cast<int32_t>(n);
 }
 
-KERM_API uint32_t vask_log_copy_backtrace(char *dst, int32_t size) {
+KERM_API uint32_t vask_log_copy_backtrace(char *dst, int32_t size) noexcept {
     if (dst == nullptr) return 0;
     if (size < 2) {
         dst[0] = '\0';
@@ -230,7 +230,7 @@ KERM_API uint32_t vask_log_copy_backtrace(char *dst, int32_t size) {
     return 0;
 }
 
-KERM_API uint32_t vask_log_dump_backtrace(const char *logtag) {
+KERM_API uint32_t vask_log_dump_backtrace(const char *logtag) noexcept {
     kerm::callstack_log(1, logtag, kerm::kAndroidPrioDebug);
     return 0;
 }

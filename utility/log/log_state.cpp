@@ -38,7 +38,7 @@ using namespace kerm::log;
 extern "C" {
 
 KERM_API uint32_t vask_log_gen_head(uint32_t module, uint32_t level, char *buf, uint32_t size, const char *file,
-                                    const char *function, int32_t line) {
+                                    const char *function, int32_t line) noexcept {
     if (!passes(module, level)) return 0;
     if (buf == nullptr || size == 0) return 1;
     buf[0] = '\0';
@@ -74,7 +74,7 @@ KERM_API uint32_t vask_log_gen_head(uint32_t module, uint32_t level, char *buf, 
     return 1;
 }
 
-KERM_API int32_t vask_log_control(uint32_t command, uintptr_t arg, uintptr_t value_or_ptr) {
+KERM_API int32_t vask_log_control(uint32_t command, uintptr_t arg, uintptr_t value_or_ptr) noexcept {
     if (pthread_rwlock_wrlock(&g_state.lock) != 0) return KERM_ERR_PARAM;
     int32_t rc = 0;
     switch (command) {
@@ -148,7 +148,7 @@ KERM_API int32_t vask_log_control(uint32_t command, uintptr_t arg, uintptr_t val
     return rc;
 }
 
-KERM_API uint32_t vask_log_initialize(uint32_t level, uint32_t output) {
+KERM_API uint32_t vask_log_initialize(uint32_t level, uint32_t output) noexcept {
     for (auto &m : g_state.module_level.v) store(m, static_cast<uint8_t>(level));
     g_state.level = level;
     g_state.output = output < LOG_OUT_COUNT ? output : LOG_OUT_CONSOLE;
@@ -166,7 +166,7 @@ KERM_API uint32_t vask_log_initialize(uint32_t level, uint32_t output) {
     return 0;
 }
 
-KERM_API char *get_local_time(char *dst, uint32_t size) {
+KERM_API char *get_local_time(char *dst, uint32_t size) noexcept {
     struct timeval tv;
     struct tm tm;
     char text[40] = {0};
@@ -177,7 +177,7 @@ KERM_API char *get_local_time(char *dst, uint32_t size) {
     return dst;
 }
 
-KERM_API char *get_local_time_no_year(char *dst, uint32_t size) {
+KERM_API char *get_local_time_no_year(char *dst, uint32_t size) noexcept {
     struct timeval tv;
     struct tm tm;
     char text[32] = {0};

@@ -57,20 +57,20 @@ bool fits(uint32_t size) { return sizeof(BlockHeader) <= SIZE_MAX - static_cast<
 
 extern "C" {
 
-KERM_API int32_t ut_memcheck_init(void) {
+KERM_API int32_t ut_memcheck_init(void) noexcept {
     if (pthread_mutex_init(&g_lock, nullptr) != 0) abort();
     return 0;
 }
 
-KERM_API int32_t ut_memcheck_deinit(void) { return pthread_mutex_destroy(&g_lock); }
+KERM_API int32_t ut_memcheck_deinit(void) noexcept { return pthread_mutex_destroy(&g_lock); }
 
-KERM_API void *ut_malloc(uint32_t size, const char *file, uint32_t line) {
+KERM_API void *ut_malloc(uint32_t size, const char *file, uint32_t line) noexcept {
     void *raw = fits(size) ? malloc(sizeof(BlockHeader) + size) : nullptr;
     if (raw == nullptr) return nullptr;
     return track(static_cast<BlockHeader *>(raw), size, file, line);
 }
 
-KERM_API void *ut_calloc(uint32_t count, uint32_t size, const char *file, uint32_t line) {
+KERM_API void *ut_calloc(uint32_t count, uint32_t size, const char *file, uint32_t line) noexcept {
     // The product wraps at 32 bits, as on the target.
     const uint32_t total = count * size;
     void *raw = fits(total) ? calloc(1, sizeof(BlockHeader) + total) : nullptr;
@@ -78,7 +78,7 @@ KERM_API void *ut_calloc(uint32_t count, uint32_t size, const char *file, uint32
     return track(static_cast<BlockHeader *>(raw), total, file, line);
 }
 
-KERM_API void ut_free(void *ptr) {
+KERM_API void ut_free(void *ptr) noexcept {
     if (ptr == nullptr) return;
     BlockHeader *h = header_of(ptr);
     __atomic_store_n(&h->size, ~h->size, __ATOMIC_RELAXED);
@@ -90,7 +90,7 @@ KERM_API void ut_free(void *ptr) {
     free(h);
 }
 
-KERM_API void *ut_realloc(void *ptr, uint32_t size, const char *file, uint32_t line) {
+KERM_API void *ut_realloc(void *ptr, uint32_t size, const char *file, uint32_t line) noexcept {
     if (ptr == nullptr) return ut_malloc(size, file, line);
     if (size == 0) {
         ut_free(ptr);
@@ -106,7 +106,7 @@ KERM_API void *ut_realloc(void *ptr, uint32_t size, const char *file, uint32_t l
     return fresh;
 }
 
-KERM_API int32_t ut_memory_dumpleak(void) {
+KERM_API int32_t ut_memory_dumpleak(void) noexcept {
     int32_t reported = 0;
     for (BlockHeader *h = g_head; h != nullptr; h = h->next) {
         const int32_t size = recorded_size(h);
@@ -122,7 +122,7 @@ KERM_API int32_t ut_memory_dumpleak(void) {
     return reported;
 }
 
-KERM_API int32_t ut_memory_checkleak(void) {
+KERM_API int32_t ut_memory_checkleak(void) noexcept {
     for (const BlockHeader *h = g_head; h != nullptr; h = h->next)
         if (recorded_size(h) >= 0) return -1;
     return 0;

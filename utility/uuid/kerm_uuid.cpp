@@ -6,7 +6,7 @@
 
 extern "C" {
 
-KERM_API void uuid_pack(const struct uuid *uu, uuid_t ptr) {
+KERM_API void uuid_pack(const struct uuid *uu, uuid_t ptr) noexcept {
     if (uu == nullptr || ptr == nullptr) return;
     uint8_t *out = ptr;
     const uint32_t tl = uu->time_low;
@@ -23,7 +23,7 @@ KERM_API void uuid_pack(const struct uuid *uu, uuid_t ptr) {
     memcpy(out + 10, uu->node, sizeof uu->node);
 }
 
-KERM_API void uuid_unpack(const uuid_t in, struct uuid *uu) {
+KERM_API void uuid_unpack(const uuid_t in, struct uuid *uu) noexcept {
     if (in == nullptr || uu == nullptr) return;
     const uint8_t *p = in;
     uu->time_low = static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
