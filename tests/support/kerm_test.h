@@ -1,11 +1,9 @@
-// Shared test helpers: a scratch directory below $KERM_TEST_TMP, and what a
-// call prints on standard output.
+// Shared test helpers: a scratch directory, captured standard output, and a
+// death test for calls that print their reason before exiting.
 #ifndef KERM_TEST_SUPPORT_H
 #define KERM_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,21 +12,18 @@
 
 namespace kerm_test {
 
-// A unique directory, removed with everything in it when the object goes away.
-class ScratchDir {
-public:
-    ScratchDir() {
+// A unique directory below $KERM_TEST_TMP, removed with its contents at the end.
+struct ScratchDir {
+    std::string root = [] {
         const char *base = getenv("KERM_TEST_TMP");
-        std::filesystem::path root = base != nullptr && *base ? base : std::filesystem::temp_directory_path();
-        std::filesystem::create_directories(root);
-        dir_ = (root / "scratch-XXXXXX").string();
-        if (mkdtemp(dir_.data()) == nullptr) abort();
-    }
-    ~ScratchDir() { std::error_code ec; std::filesystem::remove_all(dir_, ec); }
-    ScratchDir(const ScratchDir &) = delete;
+        std::string dir = std::string(base != nullptr && *base ? base : "/tmp") + "/scratch-XXXXXX";
+        std::filesystem::create_directories(std::filesystem::path(dir).parent_path());
+        if (mkdtemp(dir.data()) == nullptr) abort();
+        return dir;
+    }();
+    ~ScratchDir() { std::error_code ec; std::filesystem::remove_all(root, ec); }
 
-    const std::string &root() const { return dir_; }
-    std::string path(const std::string &rel) const { return dir_ + "/" + rel; }
+    std::string path(const std::string &rel) const { return root + "/" + rel; }
     // Writes `content` to rel, creating parent directories; returns the path.
     std::string write(const std::string &rel, const std::string &content) const {
         std::filesystem::create_directories(std::filesystem::path(path(rel)).parent_path());
@@ -39,9 +34,6 @@ public:
         std::ifstream in(p, std::ios::binary);
         return {std::istreambuf_iterator<char>(in), {}};
     }
-
-private:
-    std::string dir_;
 };
 
 template <class F>
@@ -55,9 +47,8 @@ std::string stdout_of(F &&f) {
 
 }  // namespace kerm_test
 
-// A death test for a call that prints its reason on standard output and
-// exits with -1: the output is sent to standard error, where EXPECT_EXIT looks.
-#define KERM_EXPECT_EXIT_PRINTING(statement, regex) \
-    EXPECT_EXIT((fflush(stdout), dup2(STDERR_FILENO, STDOUT_FILENO), (void)(statement)), testing::ExitedWithCode(255), regex)
+// The call's standard output goes to standard error, where EXPECT_EXIT looks.
+#define KERM_EXPECT_EXIT_PRINTING(call, regex) \
+    EXPECT_EXIT((fflush(stdout), dup2(STDERR_FILENO, STDOUT_FILENO), (void)(call)), testing::ExitedWithCode(255), regex)
 
 #endif

@@ -1,39 +1,34 @@
 // TLV codecs: layout, walking, truncation, and the fatal overflow on add.
-#include <gtest/gtest.h>
 #include <string.h>
 #include <sys/mman.h>
+
+#include <utility>
 
 #include "kerm_tlv.h"
 #include "support/kerm_test.h"
 
-namespace {
-
 // Headers are in native order; the target is little-endian.
 TEST(Tlv, RecordsPackBackToBackAndWalkBack) {
-    uint8_t dd[17];
+    uint8_t dd[17], ss[2 + 255 + 2], value[255], *cur = dd;
     memset(dd, 0xCC, sizeof dd);
-    uint8_t *cur = dd;
     int32_t rem = 16;
     EXPECT_EQ(ddtlv_add(&cur, &rem, 0x0102, 3, "abc"), 9);
     EXPECT_EQ(ddtlv_add(&cur, &rem, 0xBEEF, 0, nullptr), 5);
     EXPECT_EQ(ddtlv_add(&cur, &rem, 7, 1, "z"), 0);  // exactly fills
-    const uint8_t want[17] = {2, 1, 3, 0, 'a', 'b', 'c', 0xEF, 0xBE, 0, 0, 7, 0, 1, 0, 'z', 0xCC};
-    EXPECT_EQ(memcmp(dd, want, sizeof want), 0);
+    EXPECT_EQ(memcmp(dd, "\x02\x01\x03\x00" "abc" "\xEF\xBE\x00\x00" "\x07\x00\x01\x00" "z\xCC", 17), 0);
     cur = dd;
     rem = 16;
     for (int at : {0, 7, 11}) EXPECT_EQ(ddtlv_get_next(&cur, &rem), dd + at);
     EXPECT_EQ(rem, 0);
     EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
 
-    uint8_t value[255], ss[2 + 255 + 2];
     for (int i = 0; i < 255; ++i) value[i] = static_cast<uint8_t>(i);
     cur = ss;
     rem = sizeof ss;
     EXPECT_EQ(sstlv_add(&cur, &rem, 0xA5, 255, value), 2);  // the longest value
     EXPECT_EQ(sstlv_add(&cur, &rem, 0x5A, 0, nullptr), 0);
     EXPECT_EQ(memcmp(ss + 2, value, 255), 0);
-    EXPECT_EQ(ss[0] << 8 | ss[1], 0xA5FF);
-    EXPECT_EQ(ss[257] << 8 | ss[258], 0x5A00);
+    EXPECT_EQ(ss[0] << 24 | ss[1] << 16 | ss[257] << 8 | ss[258], 0xA5FF5A00);
     cur = ss;
     rem = sizeof ss;
     EXPECT_EQ(sstlv_get_next(&cur, &rem), ss);
@@ -42,28 +37,23 @@ TEST(Tlv, RecordsPackBackToBackAndWalkBack) {
 
 TEST(Tlv, ShortTruncatedOrNullInputStopsWithoutMovingOrWriting) {
     // Fewer bytes than a header: nothing is read (the page is inaccessible).
-    const long page = sysconf(_SC_PAGESIZE);
-    void *guard = mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(guard, MAP_FAILED);
+    void *guard = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     uint8_t *cur = static_cast<uint8_t *>(guard);
     for (int32_t rem : {3, -5}) EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
     int32_t rem = 1;
     EXPECT_EQ(sstlv_get_next(&cur, &rem), nullptr);
-    munmap(guard, page);
+    munmap(guard, 4096);
 
-    // A length running past the remaining bytes, by one.
+    // Lengths running past the remaining bytes by one.
     uint8_t buf[8] = {1, 0, 5, 0, 'a', 'b', 'c', 'd'}, *none = nullptr;
     cur = buf;
     rem = 8;
     EXPECT_EQ(ddtlv_get_next(&cur, &rem), nullptr);
-    EXPECT_EQ(cur, buf);
-    EXPECT_EQ(rem, 8);
+    EXPECT_EQ(std::pair(cur, rem), std::pair(buf, 8));
     cur = buf + 1;  // ss: type 0, length 5
     rem = 6;
     EXPECT_EQ(sstlv_get_next(&cur, &rem), nullptr);
-    EXPECT_EQ(cur, buf + 1);
-    EXPECT_EQ(rem, 6);
-
+    EXPECT_EQ(std::pair(cur, rem), std::pair(buf + 1, 6));
     EXPECT_EQ(ddtlv_add(nullptr, &rem, 1, 0, nullptr), KERM_ERR_PARAM);
     EXPECT_EQ(ddtlv_add(&none, &rem, 1, 0, nullptr), KERM_ERR_PARAM);
     EXPECT_EQ(ddtlv_add(&cur, nullptr, 1, 0, nullptr), KERM_ERR_PARAM);
@@ -79,7 +69,6 @@ TEST(Tlv, ShortTruncatedOrNullInputStopsWithoutMovingOrWriting) {
 TEST(TlvDeathTest, OverflowWritesTheRecordThenExits) {
     GTEST_FLAG_SET(death_test_style, "fast");
     auto *page = static_cast<uint8_t *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(page, MAP_FAILED);
     uint8_t *cur = page;
     int32_t rem = 10;
     KERM_EXPECT_EXIT_PRINTING(ddtlv_add(&cur, &rem, 0x4242, 7, "1234567"), "^assert fail\n$");  // one byte too many
@@ -93,5 +82,3 @@ TEST(TlvDeathTest, OverflowWritesTheRecordThenExits) {
     KERM_EXPECT_EXIT_PRINTING(ddtlv_add(&cur, &rem, 1, 0, nullptr), "^assert fail\n$");
     munmap(page, 4096);
 }
-
-}  // namespace

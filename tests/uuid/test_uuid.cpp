@@ -11,8 +11,6 @@ void uuid_first_pack_unparse(const struct uuid *fields, char *text);
 int kerm_first_parse_unpack(const char *text, struct uuid *fields);
 }
 
-namespace {
-
 TEST(Uuid, FieldsAreBigEndianInTextOrder) {
     struct uuid u;
     char text[37];
@@ -43,5 +41,3 @@ TEST(Uuid, GeneratedIdsSurviveTheRoundTrip) {
     uuid_unpack(id, nullptr);
     EXPECT_TRUE(uuid_is_null(id));
 }
-
-}  // namespace
