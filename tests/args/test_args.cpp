@@ -21,10 +21,7 @@ const ArgoatSprig kSprigs[] = {
 };
 
 TEST(Args, FlagsParametersAndUnflaggedInOrder) {
-    const struct {
-        const char *line, *calls;
-        int32_t unflagged_max = 4;
-    } rows[] = {
+    const struct { const char *line, *calls; int32_t unflagged_max = 4; } rows[] = {
         {"-v file1 --level=3 extra", "v level<3> *<file1><extra>"},
         {"-n a b c --level x y", "n<a><b> level<x> *<c><y>"},  // surplus parameters become unflagged
         {"-n=5 six --level= z", "n<5> level<> *<six><z>"},     // "=" gives exactly one parameter

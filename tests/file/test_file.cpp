@@ -56,10 +56,7 @@ TEST_F(FileTest, AccessAndSizeReportMissingFilesByCodeAndLogLine) {
 }
 
 TEST_F(FileTest, LoadSlicesFollowOffsetAndLengthRules) {
-    const struct {
-        uint32_t offset, max_len;
-        const char *expected;
-    } rows[] = {
+    const struct { uint32_t offset, max_len; const char *expected; } rows[] = {
         {0, 0, "0123456789"}, {0, 0xFFFFFFFFu, "0123456789"}, {3, 4, "3456"}, {8, 100, "89"}, {9, 0, "9"},
         {10, 0, ""},  // offset at the end: an empty load, still a buffer
     };
@@ -76,11 +73,7 @@ TEST_F(FileTest, LoadSlicesFollowOffsetAndLengthRules) {
 }
 
 TEST_F(FileTest, LoadFailuresLogAfterTheTraceAndSetLengthOnlyAfterOpen) {
-    const struct {
-        std::string path;
-        uint32_t offset, len_after;
-        std::string error;
-    } rows[] = {
+    const struct { std::string path; uint32_t offset, len_after; std::string error; } rows[] = {
         {digits_, 11, 0, "parameter error, offset(11) > filesize(10)\n"},
         {missing_, 0, 77, "Cannot open file " + missing_ + "\n"},
         {dir_.root, 0, 0, "Reading file " + dir_.root + " failed\n"},  // a directory opens but cannot be read

@@ -23,12 +23,13 @@ TEST_F(HwinfoTest, HwStrIsCopiedBoundedOrEachFailurePrintsItsLine) {
     // beyond it: a reader that went past the limit would find a valid file.
     std::string too_long = R"({"platform": {"hw_str": ")";
     too_long.append(0x18000 - too_long.size(), 'a') += R"("}})";
+    // A null file is removed; failures leave the buffer alone.
     const struct {
-        const char *file;  // null: no file
+        const char *file;
         std::string printed;
         int32_t rc = -1;
         uint32_t len = 8;
-        std::string buf = "unset###";  // failures leave the buffer alone
+        std::string buf = "unset###";
     } rows[] = {
         {good, "Get the hw_str nox-v2\n", 0, 8, {"nox-v2\0\0", 8}},  // the copy pads the rest
         {good, "Get the hw_str nox\n", 0, 3, "noxet###"},             // or fills it unterminated
@@ -51,11 +52,8 @@ TEST_F(HwinfoTest, HwStrIsCopiedBoundedOrEachFailurePrintsItsLine) {
 
 TEST_F(HwinfoTest, SerialNumbersEndOnlyAtBlankOrEndAndPrintEachCharacter) {
     const std::string late = std::string(5000, 'x') + " chip_sn=LATE";  // past the first piece read
-    const struct {
-        const char *cmdline;  // null: no file
-        uint32_t (*get)(uint8_t *, int32_t);
-        const char *value, *printed;
-    } rows[] = {
+    // A null command line is removed.
+    const struct { const char *cmdline; uint32_t (*get)(uint8_t *, int32_t); const char *value, *printed; } rows[] = {
         {"console=ttyS0 chip_sn=ABC123 quiet\n", get_chip_sn, "ABC123",
          "char 41\nchar 42\nchar 43\nchar 31\nchar 32\nchar 33\n"},
         // Tabs and the kernel's newline do not end a value.
