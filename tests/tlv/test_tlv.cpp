@@ -28,7 +28,8 @@ TEST(Tlv, RecordsPackBackToBackAndWalkBack) {
     EXPECT_EQ(sstlv_add(&cur, &rem, 0xA5, 255, value), 2);  // the longest value
     EXPECT_EQ(sstlv_add(&cur, &rem, 0x5A, 0, nullptr), 0);
     EXPECT_EQ(memcmp(ss + 2, value, 255), 0);
-    EXPECT_EQ(ss[0] << 24 | ss[1] << 16 | ss[257] << 8 | ss[258], 0xA5FF5A00);
+    EXPECT_EQ(ss[0] << 8 | ss[1], 0xA5FF);
+    EXPECT_EQ(ss[257] << 8 | ss[258], 0x5A00);
     cur = ss;
     rem = sizeof ss;
     EXPECT_EQ(sstlv_get_next(&cur, &rem), ss);
