@@ -3,7 +3,7 @@
 
 #include "kerm_file.h"
 #include "kerm_log.h"
-#include "support/kerm_test.h"
+#include "support/scratch_dir.h"
 
 using kerm_test::ScratchDir;
 using kerm_test::stdout_of;
@@ -76,7 +76,7 @@ TEST_F(FileTest, LoadFailuresLogAfterTheTraceAndSetLengthOnlyAfterOpen) {
     const struct { std::string path; uint32_t offset, len_after; std::string error; } rows[] = {
         {digits_, 11, 0, "parameter error, offset(11) > filesize(10)\n"},
         {missing_, 0, 77, "Cannot open file " + missing_ + "\n"},
-        {dir_.root, 0, 0, "Reading file " + dir_.root + " failed\n"},  // a directory opens but cannot be read
+        {dir_.root(), 0, 0, "Reading file " + dir_.root() + " failed\n"},  // a directory opens but cannot be read
     };
     for (const auto &r : rows) {
         uint32_t len = 77;

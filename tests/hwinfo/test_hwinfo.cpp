@@ -2,13 +2,13 @@
 #include <string.h>
 
 #include "kerm_hwinfo.h"
-#include "support/kerm_test.h"
+#include "support/scratch_dir.h"
 
 using kerm_test::stdout_of;
 
 class HwinfoTest : public testing::Test {
 protected:
-    void SetUp() override { setenv("KERM_UTIL_ROOT", dir_.root.c_str(), 1); }
+    void SetUp() override { setenv("KERM_UTIL_ROOT", dir_.root().c_str(), 1); }
     // Writes (or, for null, removes) a substitute file.
     void put(const char *rel, const char *text) {
         if (text != nullptr) dir_.write(rel, text);

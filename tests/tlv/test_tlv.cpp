@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "kerm_tlv.h"
-#include "support/kerm_test.h"
+#include "support/scratch_dir.h"
 
 // Headers are in native order; the target is little-endian.
 TEST(Tlv, RecordsPackBackToBackAndWalkBack) {

@@ -14,16 +14,17 @@ namespace kerm_test {
 
 // A unique directory below $KERM_TEST_TMP, removed with its contents at the end.
 struct ScratchDir {
-    std::string root = [] {
+    std::string root_ = [] {
         const char *base = getenv("KERM_TEST_TMP");
         std::string dir = std::string(base != nullptr && *base ? base : "/tmp") + "/scratch-XXXXXX";
         std::filesystem::create_directories(std::filesystem::path(dir).parent_path());
         if (mkdtemp(dir.data()) == nullptr) abort();
         return dir;
     }();
-    ~ScratchDir() { std::error_code ec; std::filesystem::remove_all(root, ec); }
+    ~ScratchDir() { std::error_code ec; std::filesystem::remove_all(root_, ec); }
 
-    std::string path(const std::string &rel) const { return root + "/" + rel; }
+    const std::string &root() const { return root_; }
+    std::string path(const std::string &rel) const { return root_ + "/" + rel; }
     // Writes `content` to rel, creating parent directories; returns the path.
     std::string write(const std::string &rel, const std::string &content) const {
         std::filesystem::create_directories(std::filesystem::path(path(rel)).parent_path());
