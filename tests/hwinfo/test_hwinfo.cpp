@@ -1,150 +1,88 @@
 // Hardware identity read from substitute files below KERM_UTIL_ROOT.
-#include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
-
-#include <string>
 
 #include "kerm_hwinfo.h"
 #include "support/scratch_dir.h"
 
-namespace {
-
-using kerm_test::ScratchDir;
-
-template <class F>
-std::string stdout_of(F &&f) {
-    fflush(stdout);
-    testing::internal::CaptureStdout();
-    f();
-    fflush(stdout);
-    return testing::internal::GetCapturedStdout();
-}
+using kerm_test::stdout_of;
 
 class HwinfoTest : public testing::Test {
 protected:
     void SetUp() override { setenv("KERM_UTIL_ROOT", dir_.root().c_str(), 1); }
-    void TearDown() override { unsetenv("KERM_UTIL_ROOT"); }
-    void config(const std::string &text) { dir_.write("etc/nox.json", text); }
-    void cmdline(const std::string &text) { dir_.write("proc/cmdline", text); }
-
-    ScratchDir dir_;
+    // Writes (or, for null, removes) a substitute file.
+    void put(const char *rel, const char *text) {
+        if (text != nullptr) dir_.write(rel, text);
+        else unlink(dir_.path(rel).c_str());
+    }
+    kerm_test::ScratchDir dir_;
 };
 
-TEST_F(HwinfoTest, HwStrIsCopiedWithABoundedCopy) {
-    config(R"({"version": 3, "platform": {"board": "x", "hw_str": "nox-v2"}})");
-    char buf[16];
-    memset(buf, '#', sizeof buf);
-    std::string out = stdout_of([&] { EXPECT_EQ(get_hw_str(buf, sizeof buf), 0); });
-    EXPECT_STREQ(buf, "nox-v2");
-    EXPECT_EQ(buf[15], '\0');  // the copy pads the rest
-    EXPECT_EQ(out, "Get the hw_str nox-v2\n");
-
-    // A text as long as the buffer fills it without a terminator.
-    memset(buf, '#', sizeof buf);
-    out = stdout_of([&] { EXPECT_EQ(get_hw_str(buf, 3), 0); });
-    EXPECT_EQ(std::string(buf, 4), "nox#");
-    EXPECT_EQ(out, "Get the hw_str nox\n");
-}
-
-TEST_F(HwinfoTest, HwStrFailuresPrintTheirLineAndLeaveTheBufferAlone) {
-    struct Case {
-        const char *file;  // null: no file
-        const char *printed;
-    } cases[] = {
+TEST_F(HwinfoTest, HwStrIsCopiedBoundedOrEachFailurePrintsItsLine) {
+    const char *good = R"({"version": 3, "platform": {"board": "x", "hw_str": "nox-v2"}})";
+    // The string stays open up to the 0x18000-byte read limit and only closes
+    // beyond it: a reader that went past the limit would find a valid file.
+    std::string too_long = R"({"platform": {"hw_str": ")";
+    too_long.append(0x18000 - too_long.size(), 'a') += R"("}})";
+    // A null file is removed; failures leave the buffer alone.
+    const struct {
+        const char *file;
+        std::string printed;
+        int32_t rc = -1;
+        uint32_t len = 8;
+        std::string buf = "unset###";
+    } rows[] = {
+        {good, "Get the hw_str nox-v2\n", 0, 8, {"nox-v2\0\0", 8}},  // the copy pads the rest
+        {good, "Get the hw_str nox\n", 0, 3, "noxet###"},             // or fills it unterminated
         {nullptr, "Open file failed! -1"},
         {"", "Read file failed! 0"},
         {"{\"platform\": ", "Parse json file fail please check your json file!\n {\"platform\": "},
+        {too_long.c_str(), "Parse json file fail please check your json file!\n " + too_long.substr(0, 0x18000)},
         {R"({"hw_str": "top-level"})", "Can't find platform domain\n"},
         {R"({"platform": {"hw": "x"}})", "Can't find platform:hw_str domain!, exit"},
         {R"({"platform": {"hw_str": 42}})", "Can't find platform:hw_str domain!, exit"},
-        {R"({"platform": {"hw_str": null}})", "Can't find platform:hw_str domain!, exit"},
     };
-    for (const Case &c : cases) {
-        if (c.file != nullptr) config(c.file);
-        else unlink(dir_.path("etc/nox.json").c_str());
-        char buf[8] = "unset";
-        std::string out = stdout_of([&] { EXPECT_EQ(get_hw_str(buf, sizeof buf), -1) << c.printed; });
-        EXPECT_EQ(out, c.printed);
-        EXPECT_STREQ(buf, "unset");
+    for (const auto &r : rows) {
+        put("etc/nox.json", r.file);
+        char buf[8] = {'u', 'n', 's', 'e', 't', '#', '#', '#'};
+        EXPECT_EQ(stdout_of([&] { EXPECT_EQ(get_hw_str(buf, r.len), r.rc); }), r.printed);
+        EXPECT_EQ(std::string(buf, 8), r.buf) << r.printed;
     }
-    EXPECT_EQ(stdout_of([] { EXPECT_EQ(get_hw_str(nullptr, 8), -1); }).empty(), false);
+    EXPECT_EQ(stdout_of([] { EXPECT_EQ(get_hw_str(nullptr, 8), -1); }), "get_hw_str: null destination\n");
 }
 
-TEST_F(HwinfoTest, ConfigIsReadOnlyUpToTheLimitAndTerminated) {
-    // The string stays open up to the 0x18000-byte limit and only closes
-    // beyond it: a reader that went past the limit would find a valid file.
-    std::string text = R"({"platform": {"hw_str": ")";
-    text.append(0x18000 - text.size(), 'a');
-    text += R"("}})";
-    config(text);
-    char buf[8];
-    std::string out = stdout_of([&] { EXPECT_EQ(get_hw_str(buf, sizeof buf), -1); });
-    EXPECT_EQ(out.rfind("Parse json file fail", 0), 0u);
-}
-
-TEST_F(HwinfoTest, SerialNumberStopsAtBlankAndPrintsEachCharacter) {
-    cmdline("console=ttyS0 chip_sn=ABC123 quiet\n");
-    uint8_t buf[16];
-    memset(buf, '#', sizeof buf);
-    std::string out = stdout_of([&] { EXPECT_EQ(get_chip_sn(buf, sizeof buf), 6u); });
-    EXPECT_STREQ(reinterpret_cast<char *>(buf), "ABC123");
-    EXPECT_EQ(out, "char 41\nchar 42\nchar 43\nchar 31\nchar 32\nchar 33\n");
-}
-
-TEST_F(HwinfoTest, SerialNumberAtTheEndKeepsTheNewline) {
-    // Tabs and newlines do not end a value; only NUL and blank do.
-    cmdline("chip_sn=C1 console=ttyS0 board_sn=B\t7\n");
-    uint8_t buf[16];
-    std::string out = stdout_of([&] { EXPECT_EQ(get_board_sn(buf, sizeof buf), 4u); });
-    EXPECT_STREQ(reinterpret_cast<char *>(buf), "B\t7\n");
-    EXPECT_EQ(out, "char 42\nchar  9\nchar 37\nchar  a\n");
-    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(get_chip_sn(buf, sizeof buf), 2u); }), "char 43\nchar 31\n");
-    EXPECT_STREQ(reinterpret_cast<char *>(buf), "C1");
-}
-
-TEST_F(HwinfoTest, SerialNumberIsFoundPastTheFirstPieceOfALongLine) {
-    cmdline(std::string(5000, 'x') + " chip_sn=LATE");
-    uint8_t buf[16];
-    stdout_of([&] { EXPECT_EQ(get_chip_sn(buf, sizeof buf), 4u); });
-    EXPECT_STREQ(reinterpret_cast<char *>(buf), "LATE");
-}
-
-TEST_F(HwinfoTest, MissingKeyOrFileGivesAnEmptyText) {
-    uint8_t buf[8] = {'z', 'z', 0};
-    EXPECT_EQ(get_chip_sn(buf, sizeof buf), 0u);  // no command line at all
-    EXPECT_EQ(buf[0], 0);
-    cmdline("console=ttyS0 quiet board_sn=\n");
-    buf[0] = 'z';
-    EXPECT_EQ(get_chip_sn(buf, sizeof buf), 0u);
-    EXPECT_EQ(buf[0], 0);
+TEST_F(HwinfoTest, SerialNumbersEndOnlyAtBlankOrEndAndPrintEachCharacter) {
+    const std::string late = std::string(5000, 'x') + " chip_sn=LATE";  // past the first piece read
+    // A null command line is removed.
+    const struct { const char *cmdline; uint32_t (*get)(uint8_t *, int32_t); const char *value, *printed; } rows[] = {
+        {"console=ttyS0 chip_sn=ABC123 quiet\n", get_chip_sn, "ABC123",
+         "char 41\nchar 42\nchar 43\nchar 31\nchar 32\nchar 33\n"},
+        // Tabs and the kernel's newline do not end a value.
+        {"chip_sn=C1 console=ttyS0 board_sn=B\t7\n", get_board_sn, "B\t7\n", "char 42\nchar  9\nchar 37\nchar  a\n"},
+        {"chip_sn=C1 console=ttyS0 board_sn=B\t7\n", get_chip_sn, "C1", "char 43\nchar 31\n"},
+        {nullptr, get_chip_sn, "", ""},
+        {"console=ttyS0 quiet board_sn=\n", get_chip_sn, "", ""},
+        {late.c_str(), get_chip_sn, "LATE", "char 4c\nchar 41\nchar 54\nchar 45\n"},
+    };
+    for (const auto &r : rows) {
+        put("proc/cmdline", r.cmdline);
+        uint8_t buf[16];
+        memset(buf, '#', sizeof buf);
+        EXPECT_EQ(stdout_of([&] { EXPECT_EQ(r.get(buf, sizeof buf), strlen(r.value)); }), r.printed);
+        EXPECT_STREQ(reinterpret_cast<char *>(buf), r.value);
+    }
 }
 
 using HwinfoDeathTest = HwinfoTest;
 
-// The message goes to standard output; the death test matches standard error.
-#define EXPECT_EXITS_SAYING(call, text)                 \
-    EXPECT_EXIT(                                        \
-        {                                               \
-            fflush(stdout);                             \
-            dup2(STDERR_FILENO, STDOUT_FILENO);         \
-            call;                                       \
-        },                                              \
-        testing::ExitedWithCode(255), text)
-
 TEST_F(HwinfoDeathTest, TooSmallSerialBufferEndsTheProcess) {
-    cmdline("console=ttyS0 chip_sn=ABC123 board_sn=B-77\n");
+    put("proc/cmdline", "console=ttyS0 chip_sn=ABC123 board_sn=B-77\n");
     uint8_t buf[16];
-    EXPECT_EXITS_SAYING(get_chip_sn(buf, 6), "should set enough size for chip_sn");
-    EXPECT_EXITS_SAYING(get_board_sn(buf, 5), "should set enough size for board_sn");
-    EXPECT_EXITS_SAYING(get_chip_sn(buf, -1), "should set enough size for chip_sn");
+    KERM_EXPECT_EXIT_PRINTING(get_chip_sn(buf, 6), "should set enough size for chip_sn");
+    KERM_EXPECT_EXIT_PRINTING(get_board_sn(buf, 5), "should set enough size for board_sn");  // "B-77\n"
+    KERM_EXPECT_EXIT_PRINTING(get_chip_sn(buf, -1), "should set enough size for chip_sn");
     stdout_of([&] { EXPECT_EQ(get_chip_sn(buf, 7), 6u); });
-
-    cmdline("console=ttyS0\n");
-    EXPECT_EXITS_SAYING(get_chip_sn(buf, 0), "should set enough size for chip_sn");
+    // Even an empty value needs room for its terminator.
+    put("proc/cmdline", "console=ttyS0\n");
+    KERM_EXPECT_EXIT_PRINTING(get_chip_sn(buf, 0), "should set enough size for chip_sn");
     EXPECT_EQ(get_chip_sn(buf, 1), 0u);
 }
-
-}  // namespace

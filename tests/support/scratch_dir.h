@@ -1,9 +1,10 @@
-// A unique scratch directory below $KERM_TEST_TMP (else the system temp
-// directory), removed with everything in it when the object goes away.
-#ifndef KERM_TEST_SCRATCH_DIR_H
-#define KERM_TEST_SCRATCH_DIR_H
+// Shared test helpers: a scratch directory, captured standard output, and a
+// death test for calls that print their reason before exiting.
+#ifndef KERM_TEST_SUPPORT_H
+#define KERM_TEST_SUPPORT_H
 
-#include <stdlib.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -11,43 +12,44 @@
 
 namespace kerm_test {
 
-class ScratchDir {
-public:
-    ScratchDir() {
+// A unique directory below $KERM_TEST_TMP, removed with its contents at the end.
+struct ScratchDir {
+    std::string root_ = [] {
         const char *base = getenv("KERM_TEST_TMP");
-        std::filesystem::path root = base != nullptr && base[0] != '\0' ? base : std::filesystem::temp_directory_path();
-        std::filesystem::create_directories(root);
-        std::string templ = (root / "scratch-XXXXXX").string();
-        if (mkdtemp(templ.data()) == nullptr) abort();
-        dir_ = templ;
-    }
-    ~ScratchDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
-    }
-    ScratchDir(const ScratchDir &) = delete;
-    ScratchDir &operator=(const ScratchDir &) = delete;
+        std::string dir = std::string(base != nullptr && *base ? base : "/tmp") + "/scratch-XXXXXX";
+        std::filesystem::create_directories(std::filesystem::path(dir).parent_path());
+        if (mkdtemp(dir.data()) == nullptr) abort();
+        return dir;
+    }();
+    ~ScratchDir() { std::error_code ec; std::filesystem::remove_all(root_, ec); }
 
-    const std::string &root() const { return dir_; }
-    std::string path(const std::string &rel) const { return dir_ + "/" + rel; }
-
-    // Writes `content` to rel (parent directories created); returns the path.
+    const std::string &root() const { return root_; }
+    std::string path(const std::string &rel) const { return root_ + "/" + rel; }
+    // Writes `content` to rel, creating parent directories; returns the path.
     std::string write(const std::string &rel, const std::string &content) const {
-        const std::string p = path(rel);
-        std::filesystem::create_directories(std::filesystem::path(p).parent_path());
-        std::ofstream(p, std::ios::binary) << content;
-        return p;
+        std::filesystem::create_directories(std::filesystem::path(path(rel)).parent_path());
+        std::ofstream(path(rel), std::ios::binary) << content;
+        return path(rel);
     }
-
     static std::string read(const std::string &p) {
         std::ifstream in(p, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        return {std::istreambuf_iterator<char>(in), {}};
     }
-
-private:
-    std::string dir_;
 };
 
+template <class F>
+std::string stdout_of(F &&f) {
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+    f();
+    fflush(stdout);
+    return testing::internal::GetCapturedStdout();
+}
+
 }  // namespace kerm_test
+
+// The call's standard output goes to standard error, where EXPECT_EXIT looks.
+#define KERM_EXPECT_EXIT_PRINTING(call, regex) \
+    EXPECT_EXIT((fflush(stdout), dup2(STDERR_FILENO, STDOUT_FILENO), (void)(call)), testing::ExitedWithCode(255), regex)
 
 #endif
