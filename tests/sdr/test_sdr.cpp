@@ -19,28 +19,24 @@ namespace {
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 constexpr uint64_t kBlock = VASK_SYNC_PHYS_ADDR;
-constexpr uint64_t kParamCell = 304 + VASK_SYNC_SSFN_CNT;  // SDR region parameter block + counter
 constexpr uint32_t kHead = LOG_HDR_MODULE | LOG_HDR_LEVEL | LOG_HDR_FUNC;
 
 // Packs a millisecond count the way the radio processor does.
 constexpr uint32_t pack(uint32_t ms) { return ((ms / VASK_SSFN_PERIOD_MS) << 16) | (ms % VASK_SSFN_PERIOD_MS); }
-
-std::string scratch(const std::string &parent, const char *tag) {
-    mkdir(parent.c_str(), 0700);
-    std::string path = parent + "/" + tag + "-XXXXXX";
-    EXPECT_NE(mkdtemp(path.data()), nullptr) << path;
-    return path;
-}
 
 // One device file for the whole suite: every test pokes the cells it reads.
 class SdrTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         const char *tmp = getenv("KERM_TEST_TMP");
-        root_ = scratch(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp", "sdr");
+        root_ = tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
+        mkdir(root_.c_str(), 0700);
+        root_ += "/sdr-XXXXXX";
+        ASSERT_NE(mkdtemp(root_.data()), nullptr) << root_;
         mkdir((root_ + "/dev").c_str(), 0700);
         fd_ = open((root_ + "/dev/mem").c_str(), O_RDWR | O_CREAT, 0600);
         ASSERT_EQ(ftruncate(fd_, 0x100001000ll), 0) << root_;  // one page past 4 GiB
+        vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0, 1);  // errors only
     }
     static void TearDownTestSuite() {
         close(fd_);
@@ -60,48 +56,40 @@ protected:
         peek(phys, &v, sizeof v);
         return v;
     }
-    // Console output of fn with the given header fields, module 0 showing level 1 meanwhile.
+    // Console output of fn with the given header fields.
     template <typename F>
     static std::string logged(uint32_t head, F fn) {
-        uint32_t level = 0;
-        vask_log_control(LOG_CTRL_GET_MODULE_LEVEL, 0, reinterpret_cast<uintptr_t>(&level));
         vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, head, 0);
-        vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0, 1);
         ::testing::internal::CaptureStdout();
         fn();
-        vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0, level);
         return ::testing::internal::GetCapturedStdout();
     }
     static inline std::string root_;
     static inline int fd_ = -1;
 };
 
-TEST_F(SdrTest, HandleMapsWholePagesAndAddressesCellsFromThePageOffset) {
+TEST_F(SdrTest, CellsAreNativeBytesAtAnyOffsetFromThePageOffsetInWholePages) {
+    uint8_t bytes[32];
+    for (uint8_t i = 0; i < sizeof bytes; ++i) bytes[i] = static_cast<uint8_t>(0xF0 - i);
+    poke(kBlock, bytes, sizeof bytes);
+    put<uint8_t>(0xFFFC1FFEu, 0xF0);
     put<uint32_t>(kBlock & ~0xFFFull, 0x50414745u);  // first word of the page above 2 GiB
-    put<uint8_t>(kBlock, 0x5A);
-    put<uint8_t>(0xFFFC1FFEu, 0x5A);
     // {address, size, page offset, mapped length}: the size rounds up without the page offset.
-    const uint32_t rows[][4] = {{0xFFFC1100u, 304, 0x100, 4096}, {0xFFFC1FFEu, 1, 0xFFE, 4096},
-                                {0xFFFC1FFEu, 4096, 0xFFE, 4096}, {0xFFFC1FFEu, 4097, 0xFFE, 8192}};
+    const uint32_t rows[][4] = {{0xFFFC1FFEu, 1, 0xFFE, 4096}, {0xFFFC1FFEu, 4096, 0xFFE, 4096},
+                                {0xFFFC1FFEu, 4097, 0xFFE, 8192}, {0xFFFC1100u, 304, 0x100, 4096}};
+    vask_shmem *h = nullptr;
     for (const auto &r : rows) {
-        vask_shmem *h = vask_util_create_shmem(r[0], r[1]);
+        vask_util_release_shmem(h);  // null at first: nothing to release
+        h = vask_util_create_shmem(r[0], r[1]);
         ASSERT_NE(h, nullptr);
         ASSERT_NE(h->base, MAP_FAILED);
         EXPECT_EQ(h->size, r[1]);
         EXPECT_EQ(h->page_offset, r[2]);
         EXPECT_EQ(h->map_len, r[3]) << r[1];
         EXPECT_EQ(*static_cast<const uint32_t *>(h->base), 0x50414745u);
-        EXPECT_EQ(vask_util_get_shmem_u8(h, 0), 0x5Au);
-        vask_util_release_shmem(h);
+        EXPECT_EQ(vask_util_get_shmem_u8(h, 0), 0xF0u);
     }
-}
-
-TEST_F(SdrTest, TypedCellsAreNativeOrderAtAnyOffset) {
-    uint8_t bytes[32];
-    for (uint8_t i = 0; i < sizeof bytes; ++i) bytes[i] = static_cast<uint8_t>(0xF0 - i);
-    poke(kBlock, bytes, sizeof bytes);
-    vask_shmem *h = vask_util_create_shmem(VASK_SYNC_PHYS_ADDR, VASK_SYNC_SIZE);
-    ASSERT_NE(h, nullptr);
+    // The last handle holds the time-sync block.
     EXPECT_EQ(vask_util_get_shmem_u8(h, 1), 0xEFu);
     EXPECT_EQ(vask_util_get_shmem_u16(h, 3), 0xECEDu);
     EXPECT_EQ(vask_util_get_shmem_u32(h, 7), 0xE6E7E8E9u);
@@ -119,18 +107,6 @@ TEST_F(SdrTest, TypedCellsAreNativeOrderAtAnyOffset) {
     peek(kBlock, bytes, sizeof bytes);  // on the device while the handle lives
     EXPECT_EQ(0, memcmp(bytes, want, sizeof bytes));
     vask_util_release_shmem(h);
-}
-
-TEST_F(SdrTest, CounterIsReadPackedAndAsMilliseconds) {
-    for (const auto &r : {std::pair{0x00030010u, 30736u}, {0x0000FFFFu, 65535u}, {0xFFFFFFFFu, 671143935u}}) {
-        put(kBlock + VASK_SYNC_SSFN_CNT, r.first);
-        uint64_t count = ~0ull;
-        uint32_t ms = 0;
-        ASSERT_EQ(vask_util_get_ssfn_cnt_for_talvek(&count), 0);
-        ASSERT_EQ(vask_util_get_ssfn_ms_for_talvek(&ms), 0);
-        EXPECT_EQ(count, r.first);
-        EXPECT_EQ(ms, r.second) << std::hex << r.first;
-    }
 }
 
 // The stored offset is applied in both directions with 64-bit products and
@@ -162,23 +138,32 @@ TEST_F(SdrTest, DeltaIsTheSignedOffsetOfTheLatchedSsfnTimeAndDrivesTheConversion
     EXPECT_EQ(vask_util_get_convert_ssfn_for_talvek(0, nullptr), 0);
 }
 
-TEST_F(SdrTest, SyncTimeIsLoggedAndItsProductWrapsAt32Bits) {
+// Both counters count milliseconds in the low half and 10240 ms periods in the
+// high half; the sync time's microseconds are a 32-bit product that wraps.
+TEST_F(SdrTest, CountersAreReadPackedAndAsMilliseconds) {
+    const uint64_t rows[][3] = {{0x00030010u, 30736, 30736000}, {0x0000FFFFu, 65535, 65535000},
+                                {0xFFFFFFFFu, 671143935, 1129036824}, {pack(5000000), 5000000, 705032704}};
+    for (const auto &r : rows) {
+        put(kBlock + VASK_SYNC_SSFN_CNT, uint32_t(r[0]));
+        put(kBlock + VASK_SYNC_SSFN_LATCH, uint32_t(r[0]));
+        uint64_t count = ~0ull, ssfn_us = 0;
+        uint32_t ms = 0;
+        ASSERT_EQ(vask_util_get_ssfn_cnt_for_talvek(&count), 0);
+        ASSERT_EQ(vask_util_get_ssfn_ms_for_talvek(&ms), 0);
+        ASSERT_EQ(vask_util_get_synctime_from_shmem(nullptr, nullptr, &ssfn_us), 0);
+        EXPECT_EQ(count, r[0]);
+        EXPECT_EQ(ms, r[1]) << std::hex << r[0];
+        EXPECT_EQ(ssfn_us, r[2]) << std::hex << r[0];
+    }
     put<uint32_t>(kBlock + VASK_SYNC_INDEX, 7);
     put<uint64_t>(kBlock + VASK_SYNC_LOCAL_TIME, 123456789012ull);
-    put(kBlock + VASK_SYNC_SSFN_LATCH, 0x00030010u);
     uint32_t index = 0;
-    uint64_t local = 0, ssfn_us = 0;
-    const std::string out =
-        logged(kHead, [&] { EXPECT_EQ(vask_util_get_synctime_from_shmem(&index, &local, &ssfn_us), 0); });
+    uint64_t local = 0;
+    EXPECT_THAT(logged(kHead, [&] { EXPECT_EQ(vask_util_get_synctime_from_shmem(&index, &local, nullptr), 0); }),
+                HasSubstr("VASK00@1[vask_util_get_synctime_from_shmem :index = 7 localtime = 123456789012 "
+                          "ssfn = 705032704\r\n"));
     EXPECT_EQ(index, 7u);
     EXPECT_EQ(local, 123456789012ull);
-    EXPECT_EQ(ssfn_us, 30736000u);
-    EXPECT_THAT(out, HasSubstr("VASK00@1[vask_util_get_synctime_from_shmem :index = 7 localtime = 123456789012 "
-                               "ssfn = 30736000\r\n"));
-    // 5e9 us wraps to 5e9 - 2^32 here, unlike the delta from the same latch.
-    put(kBlock + VASK_SYNC_SSFN_LATCH, pack(5000000));
-    ASSERT_EQ(vask_util_get_synctime_from_shmem(nullptr, nullptr, &ssfn_us), 0);
-    EXPECT_EQ(ssfn_us, 705032704u);
 }
 
 TEST_F(SdrTest, RegionInitGetDeinit) {
@@ -191,7 +176,7 @@ TEST_F(SdrTest, RegionInitGetDeinit) {
         EXPECT_EQ(vask_util_sdr_init(), KERM_ERR_FAIL);
         return;
     }
-    put(kParamCell, 0x00030010u);
+    put(304 + VASK_SYNC_SSFN_CNT, 0x00030010u);  // counter in the parameter block
     ASSERT_EQ(vask_util_sdr_init(), 0);
     EXPECT_EQ(vask_util_sdr_get_param(1, buf, 4), KERM_ERR_UNSUPPORTED);
     EXPECT_EQ(vask_util_sdr_get_param(0, buf, 3), KERM_ERR_PARAM);
@@ -206,7 +191,7 @@ TEST_F(SdrTest, RegionInitGetDeinit) {
 }
 
 TEST_F(SdrTest, MissingOrUnmappableDeviceIsReportedNotFatal) {
-    use_root(scratch(root_, "nodev"));
+    use_root(root_ + "/nodev");
     // Neither the open nor the mapping is checked: the caller still gets a handle.
     vask_shmem *h = vask_util_create_shmem(VASK_SYNC_PHYS_ADDR, 4097);
     ASSERT_NE(h, nullptr);
@@ -214,12 +199,12 @@ TEST_F(SdrTest, MissingOrUnmappableDeviceIsReportedNotFatal) {
     EXPECT_EQ(h->base, MAP_FAILED);
     EXPECT_EQ(h->map_len, 8192u);
     vask_util_release_shmem(h);
-    vask_util_release_shmem(nullptr);
 
     const auto init = [] { EXPECT_EQ(vask_util_sdr_init(), KERM_ERR_FAIL); };
     EXPECT_THAT(logged(kHead, init), HasSubstr("VASK00@1[      vask_util_sdr_init :util sdr open dev/mem failed "
                                                "No such file or directory\n"));
-    const std::string fifo = scratch(root_, "fifo");  // opens, cannot be mapped
+    const std::string fifo = root_ + "/fifo";  // opens, cannot be mapped
+    ASSERT_EQ(mkdir(fifo.c_str(), 0700), 0);
     ASSERT_EQ(mkdir((fifo + "/dev").c_str(), 0700), 0);
     ASSERT_EQ(mkfifo((fifo + "/dev/mem").c_str(), 0600), 0);
     use_root(fifo);
