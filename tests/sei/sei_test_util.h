@@ -25,8 +25,7 @@ inline Vals info(const SeiNalInfo &i, const uint8_t *base) {
 }
 
 // Console lines fn writes, each spelled "53@1[function :message" (module, level) between newlines.
-template <class F>
-std::string logs(F fn) {
+template <class F> std::string logs(F fn) {
     fflush(stdout);
     ::testing::internal::CaptureStdout();
     fn();
@@ -68,8 +67,7 @@ struct Frame {
     uint8_t *data() { return b.data(); }
     void add(const Bytes &x) { b.insert(b.end(), x.begin(), x.end()); }
     // Calls fn(dst, free) with 4 KiB of room; keeps the bytes it reports.
-    template <class F>
-    uint32_t put(F fn) {
+    template <class F> uint32_t put(F fn) {
         const size_t at = b.size();
         b.resize(at + 4096, 0xEE);
         b.resize(at + fn(b.data() + at, 4096));
@@ -88,8 +86,7 @@ struct Frame {
     void timing(const TimingMd &md) { put([&](uint8_t *d, int32_t f) { return wl_enc_timing_sei(d, codec, f, &md); }); }
     // The on-demand-I SEI for frame `idx`, then the AUD.
     void tail(uint32_t idx = 7) {
-        OndIMd md{};
-        md.frm_idx = idx;
+        const OndIMd md{idx};
         put([&](uint8_t *d, int32_t f) { return wl_enc_ondI_sei(d, !h265(), f, &md); });
         add(h265() ? Bytes{0, 0, 0, 1, 0x46, 1, 0x50} : Bytes{0, 0, 0, 1, 9, 0xF0});
     }
@@ -107,6 +104,13 @@ struct Walk {
 inline TimingMd timing_md(uint32_t items, uint32_t tb = 2) {
     TimingMd md{};
     for (uint32_t i = 0; i < items; ++i) wl_insert_new_ts_md(&md, 0x10 + i, tb, 1000 + i);
+    return md;
+}
+
+inline TimingMd parsed(const SeiNalInfo &i) {
+    TimingMd md;
+    memset(&md, 0xAB, sizeof md);  // the parser clears it all
+    EXPECT_EQ(wl_parse_timing_sei(&i, &md), 0);
     return md;
 }
 

@@ -1,15 +1,6 @@
 // Timing SEI: record, wire bytes, in-place stamps and timebase conversion.
 #include "sei_test_util.h"
 
-namespace {
-TimingMd parsed(const SeiNalInfo &i) {
-    TimingMd md;
-    memset(&md, 0xAB, sizeof md);  // the parser clears it all
-    EXPECT_EQ(wl_parse_timing_sei(&i, &md), 0);
-    return md;
-}
-}  // namespace
-
 using SeiTiming = SeiTest;
 
 TEST_P(SeiTiming, WireBytes) {
