@@ -40,11 +40,14 @@ TEST_F(SeiOndI, EncoderBytesAndParserView) {
                     "53@1[wl_parse_ondI_sei :the length of ondI is " + std::to_string(bad) + ", should be 26");
     }
 
-    // Zero in p2, p5 and p8 is sent as 0xFF.
+    // Zero in p2, p5 and p8 is sent as 0xFF; the newer fields read back bit by bit.
     const OndIMd zero{};
     ASSERT_EQ(wl_enc_ondI_sei(d, 1, 34, &zero), 33u);
     EXPECT_EQ(hex(d + 7, 9), "00 00 ff 00 00 ff 00 00 ff");
+    d[7 + 17] = 0x9F, d[7 + 20] = 0x85, d[7 + 23] = 0x2A, d[7 + 24] = 0x40;
     ondi.payload_len = 25;
     ASSERT_EQ(wl_parse_ondI_sei(&ondi, &b), 0);
-    EXPECT_EQ(Vals({b.avgQPy, b.err_flag, b.exp_len}), Vals({127, 1, 0xFF}));
+    EXPECT_EQ(Vals({b.avgQPy, b.err_flag, b.exp_len, b.err_strategy, b.is_3d_lut, b.is_I, b.is_disp, b.codec_stat_off,
+                    b.LvStreamInfoSEIOff, b.is_normal_latency, b.is_hdres, b.is_60fps}),
+              Vals({127, 1, 0xFF, 9, 5, 0, 1, 0, 1, 2, 0, 1}));
 }
