@@ -49,8 +49,8 @@ TEST_P(SeiLiveview, LayoutRoundTrip) {
         const size_t at = add_lv(f, md);
         const uint8_t *q = f.data() + at + 8 + h265();
         // Bits no field owns keep the fill; codec_info_size stays in bits 2-6; lite items have no id byte.
-        EXPECT_EQ(hex(q, 23), (lite ? "81 df" : "81 db") + std::string(" 44 33 ff 22 11 ea 56 ff d7 34 12 9f e8 74 e2") +
-                                  (lite ? " bc da ff 01 a0 ff" : " d5 bc da ff 01 a0"));
+        EXPECT_EQ(hex(q, 23), (lite ? "81 df" : "81 db") + std::string(" 44 33 ff 22 11 ea 56 ff d7 34 12 9f e8") +
+                                  (lite ? " 74 e2 bc da ff 01 a0 ff" : " 74 e2 d5 bc da ff 01 a0"));
         // Every field fits its wire width, so the record comes back whole.
         const LiveviewMd b = parse(f);
         EXPECT_EQ(memcmp(&b, &md, offsetof(LiveviewMd, modules)), 0);
@@ -102,12 +102,13 @@ TEST_P(SeiLiveview, ModuleTableUpdates) {
         return *new_us = *old_us * (ok == ok2 ? 2 : 3), 0;  // the same flag byte comes twice
     };
     std::string l = update(1, 2, 2000 + 4095, 1, twice);
-    EXPECT_LOGGED(l, "53@5[wl_update_timebase :time base is changing 7 -> 2, start time is changing 1000000 -> 2000000");
+    EXPECT_LOGGED(l, "53@5[wl_update_timebase :time base is changing 7 -> 2, start time is changing 1000000 -> "
+                     "2000000");
     EXPECT_EQ(count(l, "time diff"), 0);
     l = update(2, 0x102, 2000 + 4096, 0);  // only the low 8 bits of the timebase count
     EXPECT_LOGGED(l, "53@5[wl_update_timebase :time base is still 2");
-    EXPECT_LOGGED(l, "53@2[wl_update_timediff :time diff 4096 is larger than the threshold 4095, or start time is larger "
-                     "than end time [start 2000 end 6096]");
+    EXPECT_LOGGED(l, "53@2[wl_update_timediff :time diff 4096 is larger than the threshold 4095, or start time is "
+                     "larger than end time [start 2000 end 6096]");
     update(3, 2, 1999, 0);
     update(4, 2, 2010, 0);
     const LiveviewMd b = parse(f);
@@ -131,7 +132,8 @@ TEST_P(SeiLiveview, MissingOrMisplaced) {
         {lv, 0xFF, n, p + "LvStreamInfoSEI is disabled", u + "LvStreamInfoSEI is disabled"},
         {lv, 0xF7, 0, "53@5[wl_parse_ondemandI_sei :failed to get Ondi sei\n" + p + "wl_parse_ondemandI_sei error",
          u + "wl_parse_ondemandI_sei error"},
-        {0xF0, 0xF7, n, p + "find lvstream sei failed, offset " + std::to_string(n) + " is largen than the stream len 240",
+        {0xF0, 0xF7, n, p + "find lvstream sei failed, offset " + std::to_string(n) + " is largen than the stream len "
+                        "240",
          "53@1[wl_update_moduleinfo :get LvStreamInfoSEI failed, ret -1001 240"},
         {39 + 2 * h265(), 0xF7, n, "53@5[wl_parse_lvstream_sei :wl_get_lvstream_sei_info error",  // the on-demand-I SEI
          u + "wl_get_lvstream_sei_info error"},

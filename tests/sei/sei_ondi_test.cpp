@@ -4,14 +4,12 @@
 using SeiOndI = SeiTest;
 
 TEST_F(SeiOndI, EncoderBytesAndParserView) {
-    OndIMd md{};
-    md.frm_idx = 0x01ABCDEF;  // 24 bits travel
-    md.avgQPy = 20, md.err_flag = 1, md.frm_len = 0x123456, md.exp_len_lo = 5, md.exp_len = 0x81;
-    md.frm_chs = 0xDEADBEEF, md.frm_gts = 0x01020304, md.extra = 0x5A, md.enc_time = 0x3ABC;
-    md.is_I = 1, md.is_hdres = 1;
+    const OndIMd md{.frm_idx = 0x01ABCDEF /* 24 bits travel */, .avgQPy = 20, .err_flag = 1, .exp_len_lo = 5,
+                    .frm_len = 0x123456, .exp_len = 0x81, .frm_chs = 0xDEADBEEF, .frm_gts = 0x01020304, .extra = 0x5A,
+                    .enc_time = 0x3ABC, .is_I = 1, .is_hdres = 1};
     uint8_t d[40], d5[34];
-    EXPECT_EQ(Vals({wl_enc_ondI_sei(d, 0, 33, &md), wl_enc_ondI_sei(d, 1, 33, &md), wl_enc_ondI_sei(nullptr, 1, 40, &md)}),
-              Vals({0, 0, 0}));
+    EXPECT_EQ(Vals({wl_enc_ondI_sei(d, 0, 33, &md), wl_enc_ondI_sei(d, 1, 33, &md),
+                    wl_enc_ondI_sei(nullptr, 1, 40, &md)}), Vals({0, 0, 0}));
     memset(d, 0xEE, sizeof d);
     ASSERT_EQ(wl_enc_ondI_sei(d, 7, 34, &md), 33u);  // any non-zero value selects H.264
     EXPECT_EQ(hex(d, 34), "00 00 00 01 06 f0 19 ef cd 29 ab 56 05 34 12 81 ef be ff ad de ff 04 03 ff 02 01 ff 5a"
@@ -30,7 +28,6 @@ TEST_F(SeiOndI, EncoderBytesAndParserView) {
               Vals({15, 127, 0xBC, 1, 1, 1, 1, 3, 1, 0, 0}));
     EXPECT_EQ(count(l, "\n53@5[wl_parse_ondI_sei :[ONDI_SEI]parser: "), 17);
     EXPECT_EQ(l.find("\n53@5[wl_parse_ondI_sei :[ONDI_SEI]parser: frm_idx                       11259375\n"), 0u);
-    EXPECT_TRUE(l.ends_with("[ONDI_SEI]parser: is_60fps                      0\n")) << l;
 
     ASSERT_EQ(wl_update_ondI_sei_enc_time_value(&ondi, 0x3F5A), 0);
     EXPECT_EQ(hex(d + 7 + 22, 3), "5a ff bf");

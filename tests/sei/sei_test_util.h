@@ -97,7 +97,8 @@ struct Walk {
     uint32_t count = 99;
     SeiNalInfo e[20];
     int32_t ret;
-    explicit Walk(Frame &f, int32_t max_cnt = 16) : ret(wl_get_all_sei_nal_info(f.data(), f.size(), max_cnt, &count, e)) {}
+    explicit Walk(Frame &f, int32_t max_cnt = 16)
+        : ret(wl_get_all_sei_nal_info(f.data(), f.size(), max_cnt, &count, e)) {}
 };
 
 // Items {0x10 + i, 1000 + i}, sensor time 1000 ms.

@@ -4,31 +4,30 @@
 using SeiTiming = SeiTest;
 
 TEST_P(SeiTiming, WireBytes) {
-    TimingMd md{};
-    md.flags = 0xA3, md.flags2 = 0x7E, md.sensor_time = 0x0102030405060708ull, md.item_cnt = 2;
-    md.items[0] = {0x1234, 0xA1B2C3D4}, md.items[1] = {0x05, 0x00000010};
+    const TimingMd md{.flags = 0xA3, .flags2 = 0x7E, .sensor_time = 0x0102030405060708ull, .item_cnt = 2,
+                      .items = {{0x1234, 0xA1B2C3D4}, {0x05, 0x00000010}}};
     uint8_t d[120];
     memset(d, 0xEE, sizeof d);
     EXPECT_EQ(wl_enc_timing_sei(d, codec(), 106, &md), 0u);
     EXPECT_EQ(d[0], 0xEE);
     ASSERT_EQ(wl_enc_timing_sei(d, codec(), 107, &md), 106u + h265());
     const std::string nal = h265() ? "00 00 00 01 50 01" : "00 00 00 01 06";
-    std::string want = nal + (h265() ? " ff 02 56" : " ff 02 57") +
-                       " 00 a3 7e 08 07 ff 06 05 ff 04 03 ff 02 01 34 d4 c3 ff b2 a1 05 10 00 ff 00 00";
+    std::string want = nal + (h265() ? " ff 02 56" : " ff 02 57") + " 00 a3 7e 08 07 ff 06 05 ff 04 03 ff 02 01"
+                                                                  " 34 d4 c3 ff b2 a1 05 10 00 ff 00 00";
     for (int i = 34 + h265(); i < 95; ++i) want += " ff";
     want += " 80 " + nal + " ef 02 60 00 80 ee";
     EXPECT_EQ(hex_like(d, want), want);
 }
 
 TEST_F(SeiTiming, RecordAppend) {
-    TimingMd md{};
-    md.flags = 0xE0;
+    TimingMd md{.flags = 0xE0};
     ASSERT_EQ(wl_insert_new_ts_md(&md, 1, 4, 0x80000005u), 0);
     // The record keeps 31 bits of the timestamp, the sensor time the 64-bit product of all 32.
     EXPECT_EQ(Vals({md.flags, md.items[0].ts}), Vals({0xF4, 5}));
     EXPECT_EQ(md.sensor_time, 0x80000005ull * 1000);
     EXPECT_LOGS(EXPECT_EQ(wl_insert_new_ts_md(&md, 2, 5, 9), 0),
-                "53@2[wl_insert_new_ts_md :WARN: insert a timing md: ts 9, new base 5 is different from existed base 4");
+                "53@2[wl_insert_new_ts_md :WARN: insert a timing md: ts 9, new base 5 is different from existed "
+                "base 4");
     EXPECT_EQ(md.flags, 0xF4);
     EXPECT_LOGS(EXPECT_EQ(wl_insert_new_ts_md(&md, 2, 7, 9), -1001), "53@1[wl_insert_new_ts_md :invalid timebase 7");
     md.item_cnt = 32;
