@@ -1,27 +1,49 @@
-// Frame builders and log capture for the SEI tests.
+// Frame builders, byte spelling and log capture for the SEI tests.
 #ifndef KERM_TEST_SEI_UTIL_H
 #define KERM_TEST_SEI_UTIL_H
 
 #include <gtest/gtest.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 
 #include <sstream>
-#include <string>
-#include <vector>
 
-#include "kerm_log.h"
-#include "kerm_sei.h"
-#include "wlc_hls/nalu_sei_internal.h"
+#include "wlc_hls/nalu_sei_internal.h"  // with kerm_sei.h and kerm_log.h
 
 using Bytes = std::vector<uint8_t>;
+using Vals = std::vector<int64_t>;
 
-// Parsed console log lines: module id, level, function name, message.
-struct LogLine {
-    int module, level;
-    std::string func, msg;
-};
+// Bytes spelled "00 00 00 01 06"; hex_like spells as many as `want` names.
+inline std::string hex(const uint8_t *p, size_t n) {
+    std::string s;
+    for (char b[4]; n--; s += b) snprintf(b, sizeof b, s.empty() ? "%02x" : " %02x", *p++);
+    return s;
+}
+inline std::string hex_like(const uint8_t *p, const std::string &want) { return hex(p, (want.size() + 1) / 3); }
+
+// A found SEI as {type, sei_len, span_len, payload_len, nal offset, payload offset}.
+inline Vals info(const SeiNalInfo &i, const uint8_t *base) {
+    return {i.type, i.sei_len, i.span_len, i.payload_len, i.nal_addr - base, i.payload_addr - base};
+}
+
+// Console lines fn writes, each spelled "53@1[function :message" (module, level) between newlines.
+template <class F> std::string logs(F fn) {
+    fflush(stdout);
+    ::testing::internal::CaptureStdout();
+    fn();
+    fflush(stdout);
+    std::istringstream in(::testing::internal::GetCapturedStdout());
+    std::string out = "\n";
+    for (std::string l; std::getline(in, l);)
+        if (size_t v = l.find("VASK"), b = l.find('[', v); b != std::string::npos)
+            out += l.substr(v + 4, b - v - 3) + l.substr(l.find_first_not_of(' ', b + 1)) + "\n";
+    return out;
+}
+#define EXPECT_LOGGED(log, line) EXPECT_NE((log).find("\n" + std::string(line) + "\n"), std::string::npos) << (log)
+#define EXPECT_LOGS(stmt, line) EXPECT_LOGGED(logs([&] { stmt; }), line)
+inline int count(const std::string &s, const std::string &x) {
+    int n = 0;
+    for (size_t p = s.find(x); p != std::string::npos; p = s.find(x, p + 1)) ++n;
+    return n;
+}
 
 class SeiTest : public ::testing::TestWithParam<uint32_t> {
 protected:
@@ -32,105 +54,64 @@ protected:
         vask_log_control(LOG_CTRL_ENABLE, 1, 0);
     }
     uint32_t codec() const { return GetParam(); }
-    bool h265() const { return GetParam() == WL_CODEC_H265; }
-
-    // Runs fn with standard output captured; returns the log lines it wrote.
-    template <class F>
-    std::vector<LogLine> logs(F fn) {
-        fflush(stdout);
-        ::testing::internal::CaptureStdout();
-        fn();
-        fflush(stdout);
-        std::istringstream in(::testing::internal::GetCapturedStdout());
-        std::vector<LogLine> out;
-        for (std::string l; std::getline(in, l);) {
-            size_t at = l.find('@'), br = l.find('[', at), sep = l.find(" :", br);
-            if (at < 2 || br == std::string::npos || sep == std::string::npos) continue;
-            size_t f = l.find_first_not_of(' ', br + 1);
-            const int module = static_cast<int>(strtol(l.substr(at - 2, 2).c_str(), nullptr, 16));
-            out.push_back({module, l[at + 1] - '0', l.substr(f, sep - f), l.substr(sep + 2)});
-        }
-        return out;
-    }
-    // `msg` as the code writes it; the console ends every line with one newline.
-    // Every line of the family is logged as module 0x53.
-    static bool has(const std::vector<LogLine> &v, int level, const std::string &func, std::string msg) {
-        if (!msg.empty() && msg.back() == '\n') msg.pop_back();
-        for (const auto &l : v)
-            if (l.module == KERM_MOD_SEI && l.level == level && l.func == func && l.msg == msg) return true;
-        return false;
-    }
-    static int count_msg(const std::vector<LogLine> &v, const std::string &prefix) {
-        int n = 0;
-        for (const auto &l : v) n += l.msg.rfind(prefix, 0) == 0;
-        return n;
-    }
+    int h265() const { return GetParam() == WL_CODEC_H265; }
 };
 
-// A frame under construction: video bytes, then the tail blocks appended in
-// encoder order.
+// A frame under construction: video bytes, then SEIs and the tail in encoder order.
 struct Frame {
     uint32_t codec;
     Bytes b;
-    explicit Frame(uint32_t c, size_t video = 40) : codec(c) {
-        if (video == 0) return;
-        b = {0, 0, 0, 1, static_cast<uint8_t>(c == WL_CODEC_H265 ? 0x26 : 0x65)};
-        for (size_t i = 0; b.size() < video; ++i) b.push_back(static_cast<uint8_t>(0x30 + i % 64));
-    }
-    bool h265() const { return codec == WL_CODEC_H265; }
-    uint32_t jlen() const { return h265() ? 11 : 10; }
-    // Calls fn(dst, free) with 4 KiB of room; keeps the bytes it reports.
-    template <class F>
-    uint32_t put(F fn) {
-        size_t at = b.size();
-        b.resize(at + 4096, 0xEE);
-        uint32_t n = fn(b.data() + at, 4096);
-        b.resize(at + n);
-        return n;
-    }
-    void jumping(uint32_t len) {
-        const uint8_t h4[] = {0, 0, 0, 1, 6, 0xEF, 2, uint8_t(len), uint8_t(len >> 8), 0x80};
-        const uint8_t h5[] = {0, 0, 0, 1, 0x50, 1, 0xEF, 2, uint8_t(len), uint8_t(len >> 8), 0x80};
-        if (h265())
-            b.insert(b.end(), h5, h5 + sizeof h5);
-        else
-            b.insert(b.end(), h4, h4 + sizeof h4);
-    }
-    // An SEI of `type` with `size` 0xFF payload bytes plus its jumping SEI.
-    void chained(uint32_t type, int32_t size) {
-        uint32_t n = put([&](uint8_t *d, int32_t f) {
-            EXPECT_EQ(kerm::sei::wl_insert_initial_sei(d, codec, type, size, f), 0);
-            return uint32_t(kerm::sei::header_len(codec) + type / 255 + 1 + size / 255 + 1 + size + 1);
-        });
-        jumping(n);
-    }
-    void timing(const TimingMd &md) {
-        put([&](uint8_t *d, int32_t f) { return wl_enc_timing_sei(d, codec, f, &md); });
-    }
-    void ondi(const OndIMd &md) {
-        put([&](uint8_t *d, int32_t f) { return wl_enc_ondI_sei(d, h265() ? 0 : 1, f, &md); });
-    }
-    void aud() {
-        if (h265())
-            b.insert(b.end(), {0, 0, 0, 1, 0x46, 0x01, 0x50});
-        else
-            b.insert(b.end(), {0, 0, 0, 1, 0x09, 0xF0});
-    }
-    // The frame tail with an on-demand-I SEI for frame `idx`.
-    void tail(uint32_t idx = 7) {
-        OndIMd md{};
-        md.frm_idx = idx;
-        md.avgQPy = 30;
-        ondi(md);
-        aud();
-    }
+    explicit Frame(uint32_t c, size_t video = 40) : codec(c), b(video, 0x30) {}
+    int h265() const { return codec == WL_CODEC_H265; }
     uint32_t size() const { return static_cast<uint32_t>(b.size()); }
     uint8_t *data() { return b.data(); }
+    void add(const Bytes &x) { b.insert(b.end(), x.begin(), x.end()); }
+    // Calls fn(dst, free) with 4 KiB of room; keeps the bytes it reports.
+    template <class F> uint32_t put(F fn) {
+        const size_t at = b.size();
+        b.resize(at + 4096, 0xEE);
+        b.resize(at + fn(b.data() + at, 4096));
+        return static_cast<uint32_t>(b.size() - at);
+    }
+    void jumping(uint32_t len) {
+        add(h265() ? Bytes{0, 0, 0, 1, 0x50, 1} : Bytes{0, 0, 0, 1, 6});
+        add({0xEF, 2, uint8_t(len), uint8_t(len >> 8), 0x80});
+    }
+    // An SEI of `type` (> 254) with `size` (< 255) 0xFF payload bytes, then its jumping SEI.
+    void chained(uint32_t type, int32_t size) {
+        jumping(put([&](uint8_t *d, int32_t f) {
+            return kerm::sei::wl_insert_initial_sei(d, codec, type, size, f) ? 0 : 9 + h265() + size;
+        }));
+    }
+    void timing(const TimingMd &md) { put([&](uint8_t *d, int32_t f) { return wl_enc_timing_sei(d, codec, f, &md); }); }
+    // The on-demand-I SEI for frame `idx`, then the AUD.
+    void tail(uint32_t idx = 7) {
+        const OndIMd md{idx};
+        put([&](uint8_t *d, int32_t f) { return wl_enc_ondI_sei(d, !h265(), f, &md); });
+        add(h265() ? Bytes{0, 0, 0, 1, 0x46, 1, 0x50} : Bytes{0, 0, 0, 1, 9, 0xF0});
+    }
 };
 
+// The chain walk over a whole frame, with room for 20 records.
+struct Walk {
+    uint32_t count = 99;
+    SeiNalInfo e[20];
+    int32_t ret;
+    explicit Walk(Frame &f, int32_t max_cnt = 16)
+        : ret(wl_get_all_sei_nal_info(f.data(), f.size(), max_cnt, &count, e)) {}
+};
+
+// Items {0x10 + i, 1000 + i}, sensor time 1000 ms.
 inline TimingMd timing_md(uint32_t items, uint32_t tb = 2) {
     TimingMd md{};
     for (uint32_t i = 0; i < items; ++i) wl_insert_new_ts_md(&md, 0x10 + i, tb, 1000 + i);
+    return md;
+}
+
+inline TimingMd parsed(const SeiNalInfo &i) {
+    TimingMd md;
+    memset(&md, 0xAB, sizeof md);  // the parser clears it all
+    EXPECT_EQ(wl_parse_timing_sei(&i, &md), 0);
     return md;
 }
 
