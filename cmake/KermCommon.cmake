@@ -2,7 +2,9 @@
 
 function(kerm_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror
-    $<$<COMPILE_LANGUAGE:CXX>:-Wno-missing-field-initializers>)
+    $<$<COMPILE_LANGUAGE:CXX>:-Wno-missing-field-initializers>
+    # Cutting texts to fixed buffers is deliberate throughout the library.
+    -Wno-format-truncation)
 endfunction()
 
 if(KERM_SANITIZE STREQUAL "address")
@@ -34,6 +36,9 @@ function(kerm_android_backend target)
     target_include_directories(${target} SYSTEM PRIVATE /usr/include/android)
     target_compile_definitions(${target} PRIVATE KERM_ANDROID_SYSTEM=1)
     target_link_libraries(${target} PUBLIC ${KERM_ANDROID_LIBLOG} ${KERM_ANDROID_LIBUTILS})
+    # Debian keeps these libraries outside the loader's search path.
+    get_filename_component(dir ${KERM_ANDROID_LIBLOG} DIRECTORY)
+    set(KERM_ANDROID_LIBDIR ${dir} PARENT_SCOPE)
   else()
     message(STATUS "kerm_util: Android backend = builtin")
     target_compile_definitions(${target} PRIVATE KERM_ANDROID_SYSTEM=0)

@@ -15,5 +15,7 @@ write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/kerm_utilConfigVers
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kerm_utilConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/kerm_utilConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/kerm_util)
+# Relocatable: the prefix is found from where the .pc file lies.
+file(RELATIVE_PATH KERM_PC_TO_PREFIX ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(cmake/kerm_util.pc.in ${CMAKE_CURRENT_BINARY_DIR}/kerm_util.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/kerm_util.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
