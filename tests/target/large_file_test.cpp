@@ -104,4 +104,18 @@ TEST_F(LargeFile, MapsPageAboveFourGiB) {
     EXPECT_TRUE(same);
 }
 
+TEST_F(LargeFile, NearlyFourGiBMappingOnlyFitsSixtyFourBit) {
+    // A 32-bit process cannot hold a mapping of almost its whole address
+    // space; callers that map such lengths must handle the failure there.
+    const size_t len = 0xFFFC2000u;
+    void *map = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
+    if (sizeof(void *) == 4) {
+        EXPECT_EQ(map, MAP_FAILED);
+        EXPECT_EQ(errno, ENOMEM);
+    } else {
+        ASSERT_NE(map, MAP_FAILED) << strerror(errno);
+        EXPECT_EQ(munmap(map, len), 0);
+    }
+}
+
 }  // namespace
