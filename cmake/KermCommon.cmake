@@ -4,7 +4,7 @@ function(kerm_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror
     $<$<COMPILE_LANGUAGE:CXX>:-Wno-missing-field-initializers>
     # Cutting texts to fixed buffers is deliberate throughout the library.
-    -Wno-format-truncation)
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation>)
 endfunction()
 
 if(KERM_SANITIZE STREQUAL "address")

@@ -9,6 +9,10 @@ libdir=$(find "$work/prefix" -name kerm_util.pc -printf '%h\n' | head -1)
 export PKG_CONFIG_PATH="$libdir"
 "$cc" -std=c99 -Wall -Werror -o "$work/consumer" "$src/consumer.c" $(pkg-config --cflags --libs kerm_util)
 LD_LIBRARY_PATH="$(dirname "$libdir")" "$work/consumer"
+# A plain -lkerm_util, no pkg-config: the link name alone brings cJSON and libuuid.
+"$cc" -std=c99 -Wall -Werror -o "$work/consumer_plain" "$src/consumer.c" -I"$work/prefix/include" \
+  -L"$(dirname "$libdir")" -lkerm_util
+LD_LIBRARY_PATH="$(dirname "$libdir")" "$work/consumer_plain"
 mkdir -p "$work/cm"
 cat > "$work/cm/CMakeLists.txt" <<CM
 cmake_minimum_required(VERSION 3.25)

@@ -28,7 +28,7 @@ int android_log_buf_write(int bufid, int prio, const char *tag, const char *text
 __attribute__((noinline)) void callstack_copy(int skip, const char *prefix, char *dst, size_t size) noexcept {
     try {
         android::CallStack stack;
-        stack.update(skip + 1, -1);
+        stack.update(skip + 3, -1);  // also past update() and this function
         android::String8 text = stack.toString(prefix);
         strncpy(dst, text.c_str(), size - 1);
         dst[size - 1] = '\0';
@@ -40,7 +40,7 @@ __attribute__((noinline)) void callstack_copy(int skip, const char *prefix, char
 __attribute__((noinline)) void callstack_log(int skip, const char *tag, int prio) noexcept {
     try {
         android::CallStack stack;
-        stack.update(skip + 1, -1);
+        stack.update(skip + 3, -1);  // also past update() and this function
         stack.log(tag, static_cast<android_LogPriority>(prio), nullptr);
     } catch (...) {
     }

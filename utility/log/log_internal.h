@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdint.h>
+#include <time.h>
 
 #include "kerm_log.h"
 
@@ -50,6 +51,12 @@ inline char level_letter(uint32_t level) { return level <= VASK_LOG_VERBOSE ? "F
 inline uint32_t clamp_level(uint32_t level) { return level <= VASK_LOG_VERBOSE ? level : VASK_LOG_VERBOSE; }
 
 pid_t current_tid();
+
+// Monotonic stamp of the header: microseconds in 32-bit unsigned arithmetic,
+// so it wraps every 2^32 us (about 71.6 minutes).
+inline uint32_t mono_stamp_us(const struct timespec &ts) {
+    return static_cast<uint32_t>(ts.tv_sec) * 1000000u + static_cast<uint32_t>(ts.tv_nsec / 1000);
+}
 
 // Console writer: the output selected before any initialisation.
 void console_write(uint32_t module, uint32_t level, const char *head, const char *format, va_list ap);

@@ -60,9 +60,7 @@ KERM_API uint32_t vask_log_gen_head(uint32_t module, uint32_t level, char *buf, 
     if ((flags & LOG_HDR_TIME) != 0) {
         struct timespec ts;
         clock_gettime(CLOCK_MONOTONIC, &ts);
-        // 32-bit microsecond stamp: wraps every 2^32 us (about 71.6 minutes).
-        uint32_t us = static_cast<uint32_t>(ts.tv_sec) * 1000000u + static_cast<uint32_t>(ts.tv_nsec / 1000);
-        KERM_HEAD_FIELD(LOG_HDR_TIME, 12, "-%11u", us)
+        KERM_HEAD_FIELD(LOG_HDR_TIME, 12, "-%11u", mono_stamp_us(ts))
     }
     KERM_HEAD_FIELD(LOG_HDR_MODULE, 6, "VASK%02X", module)
     KERM_HEAD_FIELD(LOG_HDR_LEVEL, 2, "@%1d", static_cast<int>(level))

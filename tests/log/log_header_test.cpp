@@ -1,0 +1,89 @@
+#include <regex>
+#include <string.h>
+#include <unistd.h>
+
+#include "log/log_internal.h"
+#include "log_fixture.h"
+
+TEST_F(LogTest, DefaultStateFiltersAtOneLevelMoreThanTheThresholdName) {
+    // Threshold 2 ("VASK_LOG_ERROR") admits warnings, not info.
+    EXPECT_EQ(head(0x53, VASK_LOG_WARNING), "VASK53");
+    EXPECT_EQ(head(0x53, VASK_LOG_INFO), "<filtered>");
+    // Threshold 0 still lets fatal messages through.
+    vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x70, 0);
+    EXPECT_EQ(head(0x70, VASK_LOG_FATAL), "VASK70");
+    EXPECT_EQ(head(0x70, VASK_LOG_ERROR), "<filtered>");
+    // Module ids past the table never pass; huge levels never pass a real threshold.
+    EXPECT_EQ(head(139, 0), "<filtered>");
+    EXPECT_EQ(head(0xFFFFFFFFu, 0), "<filtered>");
+    EXPECT_EQ(head(0x53, 0xFFFFFFFFu), "<filtered>");
+    // The master switch silences everything.
+    vask_log_control(LOG_CTRL_ENABLE, 0, 0);
+    EXPECT_EQ(head(0x53, VASK_LOG_FATAL), "<filtered>");
+}
+
+TEST_F(LogTest, AllFieldsKeepTheirFixedColumns) {
+    vask_log_initialize(VASK_LOG_WARNING, LOG_OUT_CONSOLE);
+    vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, 0x1FF, 0);
+    std::string h = head(0x53, VASK_LOG_ERROR, "utility/file/util_file", "vask_load_file", 42);
+    // Colour, stamp, module, level, pid, tid, 16 columns of path cut by the
+    // function column, 24 columns of function, line, reset and a blank.
+    std::regex re(
+        "\033\\[35;1m-[ 0-9]{11}VASK53@1<(?:[ 0-9]{4}>|[0-9]{5})\\((?:[ 0-9]{4}\\)|[0-9]{5})"
+        "utility/file/uti\\[          vask_load_file:  42\\]\033\\[0m ");
+    EXPECT_TRUE(std::regex_match(h, re)) << h;
+    char pid[16];
+    snprintf(pid, sizeof pid, "<%4d>", static_cast<int>(getpid()));
+    if (getpid() <= 9999) {
+        EXPECT_NE(h.find(pid), std::string::npos);
+    }
+}
+
+TEST_F(LogTest, ColourRowFollowsTheLevelAndInvalidLevelsDoNotReadPastTheTable) {
+    vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, LOG_HDR_COLOR | LOG_HDR_MODULE, 0);
+    vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, VASK_LOG_ALL_MODULES, 255);
+    const char *rows[] = {"31", "35", "33", "32", "36", "37"};
+    for (uint32_t level = 0; level <= 5; ++level)
+        EXPECT_EQ(head(1, level), std::string("\033[") + rows[level] + ";1mVASK01\033[0m ");
+    EXPECT_EQ(head(1, 200), "\033[37;1mVASK01\033[0m ");
+}
+
+TEST_F(LogTest, LongFieldsAreCutByTheNextFieldButNotWhenLast) {
+    vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, LOG_HDR_FILE | LOG_HDR_LINE, 0);
+    EXPECT_EQ(head(1, 0, "a/very/long/source/path", "fn", 9), "a/very/long/sour:   9]");
+    vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, LOG_HDR_FILE, 0);
+    EXPECT_EQ(head(1, 0, "a/very/long/source/path", "fn", 9), "a/very/long/source/path");
+    // A line number wider than its column loses the bracket only when a field follows.
+    vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, LOG_HDR_LINE | LOG_HDR_COLOR, 0);
+    EXPECT_EQ(head(1, 0, "f", "fn", 123456), "\033[31;1m:12345\033[0m ");
+}
+
+TEST_F(LogTest, SmallBuffersAreNeverOverrun) {
+    vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, 0x1FF, 0);
+    for (uint32_t size = 1; size <= VASK_LOG_HEAD_SIZE; ++size) {
+        char buf[VASK_LOG_HEAD_SIZE + 16];
+        memset(buf, 'Z', sizeof buf);
+        ASSERT_EQ(vask_log_gen_head(0x53, 0, buf, size, "utility/hms/kerm_hms", "vask_hms_client_create", 1), 1u);
+        ASSERT_LT(strnlen(buf, size), static_cast<size_t>(size)) << size;
+        for (size_t i = size; i < sizeof buf; ++i) ASSERT_EQ(buf[i], 'Z') << "size " << size << " byte " << i;
+    }
+    EXPECT_EQ(vask_log_gen_head(0x53, 0, nullptr, 0, "f", "fn", 1), 1u);
+}
+
+TEST(LogStamp, MicrosecondStampWrapsAt32Bits) {
+    // 4295 s is just past 2^32 microseconds.
+    EXPECT_EQ(kerm::log::mono_stamp_us({4295, 0}), 4295000000u - 4294967296u);
+    EXPECT_EQ(kerm::log::mono_stamp_us({4294, 967295999}), 4294967295u);
+    EXPECT_EQ(kerm::log::mono_stamp_us({4294, 967296000}), 0u);
+}
+
+TEST(LogTime, LocalTimeTexts) {
+    char full[64], short_[64];
+    EXPECT_EQ(get_local_time(full, sizeof full), full);
+    EXPECT_TRUE(std::regex_match(full, std::regex(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})"))) << full;
+    EXPECT_EQ(get_local_time_no_year(short_, sizeof short_), short_);
+    EXPECT_TRUE(std::regex_match(short_, std::regex(R"(\d\d-\d\d \d\d:\d\d:\d\d\.\d{3})"))) << short_;
+    char tiny[5];
+    get_local_time(tiny, sizeof tiny);
+    EXPECT_EQ(strlen(tiny), 4u);
+}
