@@ -27,6 +27,12 @@ find_program(CMAKE_RANLIB ${KERM_ARMHF_TRIPLE}-ranlib REQUIRED)
 find_program(CMAKE_OBJDUMP ${KERM_ARMHF_TRIPLE}-objdump)
 find_program(CMAKE_STRIP ${KERM_ARMHF_TRIPLE}-strip)
 
+# As on the device's own builds: unwind tables in every function. Without
+# them ARM EHABI marks non-throwing (noexcept, C) functions "cannot unwind",
+# and backtrace() stops at the first such frame.
+set(CMAKE_C_FLAGS_INIT "-funwind-tables")
+set(CMAKE_CXX_FLAGS_INIT "-funwind-tables")
+
 set(CMAKE_FIND_ROOT_PATH ${KERM_ARMHF_SYSROOT} ${KERM_ARMHF_LIBC})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
