@@ -50,7 +50,8 @@ void *track(BlockHeader *h, uint32_t size, const char *file, uint32_t line) {
     return user_of(h);
 }
 
-bool fits(uint32_t size) { return size <= SIZE_MAX - sizeof(BlockHeader); }
+// Only a 32-bit size_t can overflow here.
+bool fits(uint32_t size) { return sizeof(BlockHeader) <= SIZE_MAX - static_cast<size_t>(size); }
 
 }  // namespace
 

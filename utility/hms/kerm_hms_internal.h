@@ -1,0 +1,51 @@
+// Internal list and pool operations shared by the health-monitoring sources.
+#ifndef KERM_HMS_INTERNAL_H
+#define KERM_HMS_INTERNAL_H
+
+#include <stdint.h>
+
+#include "kerm_hms.h"
+
+// Record sizes on the 32-bit target; other widths derive from the pointer size.
+static_assert(sizeof(vask_hms_err) == 6);
+static_assert(sizeof(void *) != 4 || sizeof(vask_hms_link) == 8);
+static_assert(sizeof(void *) != 4 || sizeof(vask_hms_node) == 16);
+static_assert(sizeof(void *) != 4 || sizeof(vask_hms_list) == 12);
+static_assert(sizeof(vask_hms_node) == ((2 * sizeof(void *) + sizeof(vask_hms_err) + sizeof(void *) - 1) /
+                                        sizeof(void *)) * sizeof(void *));
+static_assert(sizeof(vask_hms_subscriber) == 4);
+
+namespace kerm::hms {
+
+// Poison left in an unlinked node's links, so a stale use shows at once.
+inline constexpr uintptr_t kPoisonNext = 0xDEADBEEFu;
+inline constexpr uintptr_t kPoisonPrev = 0xBEEFDEADu;
+
+inline vask_hms_link *sentinel(vask_hms_list *l) noexcept { return &l->head; }
+
+// Links are the node's first member, so a non-sentinel link is its node.
+inline vask_hms_node *node_of(vask_hms_link *l) noexcept { return reinterpret_cast<vask_hms_node *>(l); }
+
+inline bool list_empty(const vask_hms_list *l) noexcept { return l->head.next == &l->head; }
+
+// Zero-filled list whose sentinel points at itself; nullptr when out of memory.
+vask_hms_list *list_new() noexcept;
+
+// Appends at the tail and counts the node.
+void list_append(vask_hms_list *l, vask_hms_node *n) noexcept;
+
+// Joins the neighbours and poisons the node's links; counts are left alone.
+void hms_list_unlink(vask_hms_node *n) noexcept;
+
+// First node with the key's code and index, or nullptr.
+vask_hms_node *hms_list_find(vask_hms_list *l, const vask_hms_err *key) noexcept;
+
+// Takes the pool's first node (caller holds the pool lock); nullptr when empty.
+vask_hms_node *hms_node_take(vask_hms_pool *pool) noexcept;
+
+// Gives a node back at the pool's tail under the pool lock.
+int32_t hms_node_give(vask_hms_pool *pool, vask_hms_node *n) noexcept;
+
+}  // namespace kerm::hms
+
+#endif
