@@ -77,7 +77,8 @@ static void take_report(struct reporter *r, const uint8_t *b, size_t len) {
     if (len < VASK_HMS_MSG_HEADER || len > VASK_HMS_MSG_MAX || (len - VASK_HMS_MSG_HEADER) % VASK_HMS_MSG_ENTRY)
         return;
     index = b[2] & VASK_HMS_MSG_INDEX;
-    if (index == 0) {
+    /* The index wraps in 7 bits: 0 on the current cycle's sequence carries on. */
+    if (index == 0 && !(r->in_cycle && b[1] == r->seq && r->next_index == 0)) {
         vask_hms_data_reset_recv(&r->store, &pool);
         r->in_cycle = 1;
         r->seq = b[1];

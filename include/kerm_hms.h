@@ -14,8 +14,9 @@
 extern "C" {
 #endif
 
-/* One error point's state. Two records denote the same error point when code
- * and index are equal. Packed so that it is the 6 bytes it is on the wire. */
+/* One error point's state: the 6-byte record, packed so that arrays of it
+ * have the same layout as the report entries. Two records denote the same
+ * error point when code and index are equal. */
 typedef struct vask_hms_err {
     uint32_t code;  /* error code of the rule or of the injected error */
     uint8_t index;  /* sub-index within the code's range */

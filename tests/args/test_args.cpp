@@ -113,10 +113,6 @@ TEST_F(ArgsTest, NoUnflaggedHandlerWithoutCapacity) {
     EXPECT_EQ(graze({"a", "-v"}), (Calls{{"v", {}}}));
 }
 
-TEST_F(ArgsTest, RepeatedFlagRunsEachTime) {
-    EXPECT_EQ(graze({"-v", "-v", "-v"}), (Calls{{"v", {}}, {"v", {}}, {"v", {}}, {"*", {}}}));
-}
-
 TEST(ArgsRobustness, MissingTablePartsDoNotCrash) {
     char a0[] = "prog", a1[] = "-v", a2[] = "x", a3[] = "-ab=c", a4[] = "--k=v";
     char *argv[] = {a0, a1, a2, a3, a4, nullptr};

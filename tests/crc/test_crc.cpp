@@ -161,24 +161,6 @@ TEST_F(CrcDifferential, RandomDataAndSeedsMatchBoost) {
     for (uint16_t seed : {0x0000, 0xFFFF}) compare(random_bytes(300), seed);
 }
 
-TEST_F(CrcDifferential, ChainedPiecesGiveTheWholeResult) {
-    const auto d = random_bytes(4096);
-    const uint16_t seed = 0xA55A;
-    const uint32_t n = static_cast<uint32_t>(d.size());
-    for (int rep = 0; rep < 50; ++rep) {
-        uint32_t cut = static_cast<uint32_t>(rng() % (n + 1));
-        const uint8_t *p = d.data();
-        EXPECT_EQ(vask_util_crc8_calc(p + cut, n - cut, vask_util_crc8_calc(p, cut, 0x5A)),
-                  vask_util_crc8_calc(p, n, 0x5A));
-        EXPECT_EQ(vask_util_crc16_calc(p + cut, n - cut, vask_util_crc16_calc(p, cut, seed)),
-                  vask_util_crc16_calc(p, n, seed));
-        EXPECT_EQ(vask_util_crc16_ccitt_calc(p + cut, n - cut, vask_util_crc16_ccitt_calc(p, cut, seed)),
-                  vask_util_crc16_ccitt_calc(p, n, seed));
-        EXPECT_EQ(vask_util_crc16_xmodem_calc(p + cut, n - cut, vask_util_crc16_xmodem_calc(p, cut, seed)),
-                  vask_util_crc16_xmodem_calc(p, n, seed));
-    }
-}
-
 TEST_F(CrcDifferential, XmodemBeyondSixteenBitLengthCoversEveryByte) {
     // Past the 65535-byte contract the result is still that of all the data,
     // never a wrapped position counter.

@@ -24,6 +24,14 @@ std::string console_of(F &&f) {
     return testing::internal::GetCapturedStdout();
 }
 
+// The console text of one file-helper message: module 0x70, the level, the
+// source path cut to its 16-column field, the function name, the message.
+std::string logged(int level, const char *function, const std::string &text) {
+    char head[64];
+    snprintf(head, sizeof head, "VASK70@%dutility/file/uti[%24s :", level, function);
+    return head + text;
+}
+
 off_t size_on_disk(const std::string &p) {
     struct stat st;
     return stat(p.c_str(), &st) == 0 ? st.st_size : -1;
@@ -33,8 +41,8 @@ class FileTest : public testing::Test {
 protected:
     void SetUp() override {
         vask_log_control(LOG_CTRL_GET_HEAD_FLAGS, reinterpret_cast<uintptr_t>(&saved_flags_), 0);
-        // Module and function name in the header; traces of module 0x70 shown.
-        vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, LOG_HDR_MODULE | LOG_HDR_FUNC, 0);
+        // Module, level, file and function in the header; traces of 0x70 shown.
+        vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, LOG_HDR_MODULE | LOG_HDR_LEVEL | LOG_HDR_FILE | LOG_HDR_FUNC, 0);
         vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x70, VASK_LOG_TRACE);
         digits_ = dir_.write("digits", "0123456789");
     }
@@ -64,13 +72,12 @@ TEST_F(FileTest, AccessAndSizeReportMissingFilesByCodeAndLogLine) {
 
     const std::string missing = dir_.path("missing");
     std::string out = console_of([&] { EXPECT_EQ(vask_access_file(missing.c_str()), KERM_ERR_FAIL); });
-    EXPECT_NE(out.find("VASK70"), std::string::npos) << out;
-    EXPECT_NE(out.find("vask_access_file"), std::string::npos) << out;
-    EXPECT_NE(out.find("Cannot open file " + missing + "\n"), std::string::npos) << out;
+    EXPECT_NE(out.find(logged(1, "vask_access_file", "Cannot open file " + missing + "\n")), std::string::npos)
+        << out;
 
     out = console_of([&] { EXPECT_EQ(vask_get_file_size(missing.c_str()), -1); });
-    EXPECT_NE(out.find("vask_get_file_size"), std::string::npos) << out;
-    EXPECT_NE(out.find("Cannot open file " + missing), std::string::npos) << out;
+    EXPECT_NE(out.find(logged(1, "vask_get_file_size", "Cannot open file " + missing + "\n")), std::string::npos)
+        << out;
 
     out = console_of([] {
         EXPECT_EQ(vask_access_file(nullptr), KERM_ERR_FAIL);
@@ -102,17 +109,18 @@ TEST_F(FileTest, LoadFailuresLogAndSetLengthOnlyAfterOpen) {
     uint32_t len = 99;
     std::string out = console_of([&] { EXPECT_EQ(load(11, 0, &len), "<null>"); });
     EXPECT_EQ(len, 0u);
-    EXPECT_NE(out.find("vask_load_file"), std::string::npos) << out;
-    EXPECT_NE(out.find("load file: " + digits_ + "...\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("parameter error, offset(11) > filesize(10)\n"), std::string::npos) << out;
+    EXPECT_NE(out.find(logged(4, "vask_load_file", "load file: " + digits_ + "...\n")), std::string::npos) << out;
+    EXPECT_NE(out.find(logged(1, "vask_load_file", "parameter error, offset(11) > filesize(10)\n")),
+              std::string::npos)
+        << out;
 
     // A failed open leaves the length alone; the trace line comes first.
     const std::string missing = dir_.path("missing");
     len = 77;
     out = console_of([&] { EXPECT_EQ(vask_load_file(missing.c_str(), 0, 0, &len), nullptr); });
     EXPECT_EQ(len, 77u);
-    const size_t trace = out.find("load file: " + missing + "...");
-    const size_t error = out.find("Cannot open file " + missing);
+    const size_t trace = out.find(logged(4, "vask_load_file", "load file: " + missing + "...\n"));
+    const size_t error = out.find(logged(1, "vask_load_file", "Cannot open file " + missing + "\n"));
     ASSERT_NE(trace, std::string::npos) << out;
     ASSERT_NE(error, std::string::npos) << out;
     EXPECT_LT(trace, error);
@@ -121,7 +129,8 @@ TEST_F(FileTest, LoadFailuresLogAndSetLengthOnlyAfterOpen) {
     len = 77;
     out = console_of([&] { EXPECT_EQ(vask_load_file(dir_.root().c_str(), 0, 0, &len), nullptr); });
     EXPECT_EQ(len, 0u);
-    EXPECT_NE(out.find("Reading file " + dir_.root() + " failed\n"), std::string::npos) << out;
+    EXPECT_NE(out.find(logged(1, "vask_load_file", "Reading file " + dir_.root() + " failed\n")), std::string::npos)
+        << out;
 
     out = console_of([] { EXPECT_EQ(vask_load_file(nullptr, 0, 0, nullptr), nullptr); });
     EXPECT_NE(out.find("Cannot open file (null)"), std::string::npos) << out;
@@ -167,8 +176,8 @@ TEST_F(FileTest, WriteExactlyToTheEndThenOneByteMoreIsRefused) {
 TEST_F(FileTest, ReadModeMapsDespiteSizeMismatchAfterLogging) {
     MmapFile f{};
     std::string out = console_of([&] { ASSERT_EQ(vask_mmap_file_open(0, digits_.c_str(), 4096, &f), 0); });
-    EXPECT_NE(out.find("vask_mmap_file_open"), std::string::npos) << out;
-    EXPECT_NE(out.find("Alloc file size is not matched with the expected_size " + digits_ + " 10 4096"),
+    EXPECT_NE(out.find(logged(1, "vask_mmap_file_open",
+                              "Alloc file size is not matched with the expected_size " + digits_ + " 10 4096")),
               std::string::npos)
         << out;
     EXPECT_EQ(std::string(reinterpret_cast<char *>(f.base), 10), "0123456789");
@@ -190,7 +199,9 @@ TEST_F(FileTest, WriteModeRefusesAFileItCannotSize) {
     MmapFile f{};
     std::string out =
         console_of([&] { EXPECT_EQ(vask_mmap_file_open(VASK_MMAP_FILE_WRITE, p.c_str(), 10, &f), KERM_ERR_SIZE); });
-    EXPECT_NE(out.find("Alloc file size is not matched with the expected_size " + p + " 100 10"), std::string::npos)
+    EXPECT_NE(out.find(logged(1, "vask_mmap_file_open", "Alloc file size is not matched with the expected_size " +
+                                                             p + " 100 10")),
+              std::string::npos)
         << out;
     EXPECT_EQ(f.fd, 0);
     EXPECT_EQ(size_on_disk(p), 100);

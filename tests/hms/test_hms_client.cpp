@@ -67,15 +67,18 @@ TEST(HmsClient, RulesAreCopiedWithTheirOwnState) {
     EXPECT_EQ(vask_hms_destroy_client(c), 0);
 }
 
-TEST(HmsClient, BadIndexRangeFailsCreation) {
+TEST(HmsClient, BadRuleTableFailsCreation) {
     vask_hms_detect_rule rules[2] = {{1, never_called, nullptr, 0x41, 0, 0}, {1, never_called, nullptr, 0x42, 7, 3}};
-    vask_hms_config cfg = periods_only(rules, 2);
-    vask_hms_client *c = nullptr;
-    LogCapture log;
-    EXPECT_EQ(vask_hms_create_client(&cfg, &c), -1006);
-    EXPECT_EQ(c, nullptr);
-    EXPECT_TRUE(log.has(kMod, 1, "hms_err_detect_init", "config(00000042) error:7 > 3")) << log.text();
-    EXPECT_TRUE(log.has(kMod, 1, "hms_err_detect_init", "hms_err_detect_init failed:-1006")) << log.text();
+    // A reversed index range, and a count no table can be made for.
+    for (int32_t count : {2, -1}) {
+        vask_hms_config cfg = periods_only(rules, count);
+        vask_hms_client *c = nullptr;
+        LogCapture log;
+        EXPECT_EQ(vask_hms_create_client(&cfg, &c), -1006) << count;
+        EXPECT_EQ(c, nullptr);
+        EXPECT_EQ(log.has(kMod, 1, "hms_err_detect_init", "config(00000042) error:7 > 3"), count == 2) << log.text();
+        EXPECT_TRUE(log.has(kMod, 1, "hms_err_detect_init", "hms_err_detect_init failed:-1006")) << log.text();
+    }
 }
 
 TEST(HmsClient, PoolSizeOutOfRangeFailsCreation) {

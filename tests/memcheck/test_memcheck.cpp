@@ -26,6 +26,17 @@ std::string leak_line(const char *file, int line, long size, const void *p) {
     return text;
 }
 
+// The header directly before each user block: five words on the target.
+struct Header {
+    const char *file;
+    uint32_t line;
+    int32_t size;
+    const Header *next;  // older
+    const Header *prev;  // newer
+};
+static_assert(sizeof(void *) != 4 || sizeof(Header) == 20);
+const Header *header_of(const void *user) { return static_cast<const Header *>(user) - 1; }
+
 class MemcheckTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -48,11 +59,23 @@ TEST_F(MemcheckTest, NothingLiveReportsNothing) {
 }
 
 TEST_F(MemcheckTest, ReportListsSurvivorsNewestFirstAtFatalPriority) {
-    void *a = ut_malloc(24, "a.c", 12);
+    static const char a_file[] = "a.c";
+    void *a = ut_malloc(24, a_file, 12);
     void *b = ut_malloc(8, "b.c", 7);
     void *c = ut_calloc(2, 5, "c.c", 1234);
     ut_free(b);
     EXPECT_EQ(ut_memory_checkleak(), -1);
+
+    // b is unlinked; the file text is kept by pointer.
+    const Header *ha = header_of(a), *hc = header_of(c);
+    EXPECT_EQ(ha->file, a_file);
+    EXPECT_EQ(ha->line, 12u);
+    EXPECT_EQ(ha->size, 24);
+    EXPECT_EQ(hc->size, 10);
+    EXPECT_EQ(hc->next, ha);
+    EXPECT_EQ(hc->prev, nullptr);
+    EXPECT_EQ(ha->prev, hc);
+    EXPECT_EQ(ha->next, nullptr);
 
     const std::string out = report();
     const size_t at_c = out.find(leak_line("c.c", 1234, 10, c));

@@ -180,13 +180,13 @@ TEST_P(SeiChain, MaxCountAndMissingTail) {
     });
     EXPECT_TRUE(has(l, 1, "wl_get_all_sei_nal_info", "The total number of SEI is 16, exceed the max allowed cnt 16\n"));
     l = logs([&] { EXPECT_EQ(walk(g, 0).ret, KERM_ERR_FAIL); });
-    EXPECT_TRUE(has(l, 1, "wl_get_all_sei_nal_info", "can't parse sei, because exceed the max allowed cnt 0\n"));
+    EXPECT_TRUE(has(l, 1, "wl_get_more_sei", "can't parse sei, because exceed the max allowed cnt 0\n"));
 
     // Tail length exactly: too short to hold the on-demand-I SEI.
     Frame t(codec(), 0);
     t.tail();
     l = logs([&] { EXPECT_EQ(walk(t).ret, KERM_ERR_FAIL); });
-    EXPECT_TRUE(has(l, 1, "wl_get_all_sei_nal_info", "failed to get OndI sei\n"));
+    EXPECT_TRUE(has(l, 1, "wl_get_more_sei", "failed to get OndI sei\n"));
     t.b.insert(t.b.begin(), 0);
     EXPECT_EQ(walk(t).ret, 0);
 }

@@ -1,4 +1,6 @@
 // Live-view stream SEI: layout, dummy-SEI alignment, module table updates.
+#include <unistd.h>
+
 #include "sei_test_util.h"
 
 namespace {
@@ -135,7 +137,8 @@ TEST_P(SeiLiveview, ModuleTableUpdates) {
     l = logs([&] { EXPECT_EQ(wl_update_moduleinfo(f.data(), f.size(), 1, 2, 2000 + 4095, 1, double_start), 0); });
     EXPECT_TRUE(has(l, 5, "wl_update_timebase", "time base is changing 7 -> 2, start time is changing 1000000 -> 2000000"));
     EXPECT_EQ(count_msg(l, "time diff"), 0);
-    l = logs([&] { EXPECT_EQ(wl_update_moduleinfo(f.data(), f.size(), 2, 2, 2000 + 4096, 0, nullptr), 0); });
+    // Only the low 8 bits of the timebase count: 0x102 is timebase 2.
+    l = logs([&] { EXPECT_EQ(wl_update_moduleinfo(f.data(), f.size(), 2, 0x102, 2000 + 4096, 0, nullptr), 0); });
     EXPECT_TRUE(has(l, 5, "wl_update_timebase", "time base is still 2"));
     EXPECT_TRUE(has(l, 2, "wl_update_timediff",
                     "time diff 4096 is larger than the threshold 4095, or start time is larger than end time [start "
@@ -162,6 +165,12 @@ TEST_P(SeiLiveview, MissingOrMisplaced) {
     plain.tail();
     auto l = logs([&] { parse(plain); });
     EXPECT_TRUE(has(l, 1, "wl_parse_lvstream_sei", "LvStreamInfoSEI is disabled"));
+    l = logs([&] {
+        LiveviewMd md;
+        wl_parse_lvstream_sei(plain.data(), 0, &md, nullptr);
+    });
+    EXPECT_TRUE(has(l, 5, "wl_parse_ondemandI_sei", "failed to get Ondi sei"));
+    EXPECT_TRUE(has(l, 1, "wl_parse_lvstream_sei", "wl_parse_ondemandI_sei error"));
     l = logs([&] { EXPECT_EQ(wl_update_moduleinfo(plain.data(), plain.size(), 1, 2, 0, 0, nullptr), KERM_ERR_FAIL); });
     EXPECT_TRUE(has(l, 5, "wl_update_moduleinfo", "LvStreamInfoSEI is disabled"));
 
@@ -192,7 +201,15 @@ TEST_P(SeiLiveview, ImpossibleTimebaseEndsTheProcess) {
     md.module_info_on = 1;
     Frame f(codec());
     add_lv(f, md);
-    EXPECT_EXIT(wl_update_moduleinfo(f.data(), f.size(), 1, 0x107, 0, 0, nullptr), ::testing::ExitedWithCode(255), "");
+    // The console line goes to stderr here so the death test can see it:
+    // module 0, level 0, under the inlined step's name.
+    EXPECT_EXIT(
+        {
+            fflush(stdout);
+            dup2(STDERR_FILENO, STDOUT_FILENO);
+            wl_update_moduleinfo(f.data(), f.size(), 1, 0x107, 0, 0, nullptr);
+        },
+        ::testing::ExitedWithCode(255), "VASK00@0\\[ *wl_update_timebase :wl hls: invaild timebase 7");
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, SeiLiveview, SEI_CODECS, SEI_CODEC_NAMES);

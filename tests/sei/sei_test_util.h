@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <sstream>
@@ -16,9 +17,9 @@
 
 using Bytes = std::vector<uint8_t>;
 
-// Parsed console log lines: level, function name, message.
+// Parsed console log lines: module id, level, function name, message.
 struct LogLine {
-    int level;
+    int module, level;
     std::string func, msg;
 };
 
@@ -44,17 +45,19 @@ protected:
         std::vector<LogLine> out;
         for (std::string l; std::getline(in, l);) {
             size_t at = l.find('@'), br = l.find('[', at), sep = l.find(" :", br);
-            if (at == std::string::npos || br == std::string::npos || sep == std::string::npos) continue;
+            if (at < 2 || br == std::string::npos || sep == std::string::npos) continue;
             size_t f = l.find_first_not_of(' ', br + 1);
-            out.push_back({l[at + 1] - '0', l.substr(f, sep - f), l.substr(sep + 2)});
+            const int module = static_cast<int>(strtol(l.substr(at - 2, 2).c_str(), nullptr, 16));
+            out.push_back({module, l[at + 1] - '0', l.substr(f, sep - f), l.substr(sep + 2)});
         }
         return out;
     }
     // `msg` as the code writes it; the console ends every line with one newline.
+    // Every line of the family is logged as module 0x53.
     static bool has(const std::vector<LogLine> &v, int level, const std::string &func, std::string msg) {
         if (!msg.empty() && msg.back() == '\n') msg.pop_back();
         for (const auto &l : v)
-            if (l.level == level && l.func == func && l.msg == msg) return true;
+            if (l.module == KERM_MOD_SEI && l.level == level && l.func == func && l.msg == msg) return true;
         return false;
     }
     static int count_msg(const std::vector<LogLine> &v, const std::string &prefix) {

@@ -120,6 +120,8 @@ TEST_P(SeiTiming, TimebaseConversion) {
     SeiNalInfo e[4];
     uint32_t n = 0;
     ASSERT_EQ(wl_get_all_sei_nal_info(f.data(), f.size(), 4, &n, e), 0);
+    uint8_t *filler = e[1].payload_addr + 20 + 3;  // item 1's filler byte: not a timestamp byte
+    *filler = 0x5A;
     g_calls = 0;
     auto l = logs([&] { EXPECT_EQ(wl_transform_timing_sei(&e[1], shift_ts), KERM_ERR_FAIL); });
     EXPECT_TRUE(has(l, 1, "wl_transform_timing_sei", "failed to do timestamp transformation, ret -7\n"));
@@ -128,6 +130,7 @@ TEST_P(SeiTiming, TimebaseConversion) {
     EXPECT_EQ(back.items[0].ts, 1000u - 2 + 1);
     EXPECT_EQ(back.items[1].ts, 1001u + 1000 + 1);
     EXPECT_EQ(back.items[2].ts, 1002u);  // the failing one stays
+    EXPECT_EQ(*filler, 0x5A);
     EXPECT_EQ(back.flags & 0xF, 1);
 
     g_calls = -10;

@@ -119,7 +119,10 @@ void take_report(Monitor *m, Reporter *r, const uint8_t *b, size_t len) {
         return;
     }
     const uint8_t index = b[2] & VASK_HMS_MSG_INDEX;
-    if (index == 0) {
+    // The index wraps in 7 bits: a 0 that carries on the current cycle's
+    // sequence is its 129th message, not a new cycle.
+    const bool wrapped = r->in_cycle && b[1] == r->seq && r->next_index == 0;
+    if (index == 0 && !wrapped) {
         if (r->in_cycle) vask_hms_data_reset_recv(&r->store, &m->pool);
         r->in_cycle = true;
         r->seq = b[1];

@@ -46,6 +46,9 @@ bool ts_later(const struct timespec &a, const struct timespec &b) noexcept {
 
 int32_t hms_err_detect_init(vask_hms_client *c) noexcept {
     const int32_t n = c->cfg.rule_count;
+    // No table can be made for a negative count; an empty one is no table.
+    if (n < 0) return KERM_ERR_NO_MEMORY;
+    if (n == 0) return KERM_OK;
     c->rules = static_cast<vask_hms_rule_state *>(calloc(static_cast<size_t>(n), sizeof(vask_hms_rule_state)));
     if (c->rules == nullptr) return KERM_ERR_NO_MEMORY;
     for (int32_t i = 0; i < n; ++i) {
@@ -213,6 +216,8 @@ void *hms_client_task(void *arg) {
     while (load8(&c->stop_req) == 0) {
         rearm(c);
         int rc;
+        // Only a -1/EINTR report repeats the sleep. clock_nanosleep returns its
+        // error itself, so any signal, destroy's above all, ends the wait.
         do {
             rc = clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &c->wake, nullptr);
         } while (rc == -1 && errno == EINTR && load8(&c->stop_req) == 0);
@@ -268,7 +273,7 @@ extern "C" int32_t vask_hms_create_client(const vask_hms_config *cfg, vask_hms_c
         free(c);
         return KERM_ERR_NO_MEMORY;
     }
-    if (c->cfg.rules != nullptr && c->cfg.rule_count > 0) {
+    if (c->cfg.rules != nullptr) {
         int32_t rc = hms_err_detect_init(c);
         if (rc != KERM_OK) {
             hms_err_detect_deinit(c);

@@ -248,14 +248,17 @@ extern "C" int32_t wl_get_all_sei_nal_info(const uint8_t *buf, uint32_t len, int
         SEI_LOG(VASK_LOG_ERROR, "invalid parameters\n");
         return KERM_ERR_PARAM;
     }
+    // The walk, the on-demand-I lookup included, logs as the inlined
+    // wl_get_more_sei; only the overflow line below stands in this function.
     *count = 0;
     if (max_cnt < 1) {
-        SEI_LOG(VASK_LOG_ERROR, "can't parse sei, because exceed the max allowed cnt %d\n", max_cnt);
+        SEI_LOGN("wl_get_more_sei", VASK_LOG_ERROR, "can't parse sei, because exceed the max allowed cnt %d\n",
+                 max_cnt);
         return KERM_ERR_FAIL;
     }
     uint32_t codec = WL_CODEC_UNKNOWN, consumed = 0;
     if (wl_get_OndI_sei_nal_info(&entries[0], buf, len, &consumed, &codec) == 0) {
-        SEI_LOG(VASK_LOG_ERROR, "failed to get OndI sei\n");
+        SEI_LOGN("wl_get_more_sei", VASK_LOG_ERROR, "failed to get OndI sei\n");
         return KERM_ERR_FAIL;
     }
     int32_t n = 1;

@@ -386,7 +386,7 @@ extern "C" void wl_parse_lvstream_sei(const uint8_t *buf, int32_t len, LiveviewM
     uint32_t offset = 0;
     int32_t ret = 0;
     // A negative length would read as a huge one: no frame tail there.
-    const LvFind r = len <= 0 ? LvFind::no_tail
+    const LvFind r = len < 0 ? LvFind::no_tail
                               : find_lvstream(buf, static_cast<uint32_t>(len), true, info, &avail, &offset, &ret);
     switch (r) {
     case LvFind::no_tail:

@@ -17,14 +17,19 @@ constexpr uint32_t kItemLen = 6;
 constexpr uint32_t kLastItemStart = 89;  // NAL offset beyond which no item starts
 constexpr uint32_t kMaxTimebase = 7;
 
+// The four timestamp bytes of the item at `p`; the filler p[3] is not touched.
+void put_ts(uint8_t *p, uint32_t ts) {
+    p[1] = static_cast<uint8_t>(ts);
+    p[2] = static_cast<uint8_t>(ts >> 8);
+    p[4] = static_cast<uint8_t>(ts >> 16);
+    p[5] = static_cast<uint8_t>(ts >> 24);
+}
+
 // dev, ts bits 0-15, 0xFF, ts bits 16-31
 void put_item(uint8_t *p, uint32_t dev, uint32_t ts) {
     p[0] = static_cast<uint8_t>(dev);
-    p[1] = static_cast<uint8_t>(ts);
-    p[2] = static_cast<uint8_t>(ts >> 8);
     p[3] = 0xFF;
-    p[4] = static_cast<uint8_t>(ts >> 16);
-    p[5] = static_cast<uint8_t>(ts >> 24);
+    put_ts(p, ts);
 }
 
 uint32_t item_ts(const uint8_t *p) {
@@ -216,7 +221,7 @@ extern "C" int32_t wl_transform_timing_sei(SeiNalInfo *info, WlTsConvertFn fn) n
             SEI_LOG(VASK_LOG_ERROR, "failed to do timestamp transformation, ret %d\n", ret);
             return KERM_ERR_FAIL;
         }
-        put_item(p + off, p[off], new_ts);
+        put_ts(p + off, new_ts);
     }
     p[1] = static_cast<uint8_t>((p[1] & 0xF0u) | new_tb);
     return KERM_OK;
