@@ -171,12 +171,10 @@ TEST_F(Hms, SubscribersGetEveryHeartbeat) {
         EXPECT_EQ(s[i].b, (std::vector<uint8_t>{0, uint8_t(255 + i / 3), 0x80})) << i;  // a heartbeat
         EXPECT_EQ(s[i].period_after, kPeriod);
     }
-    EXPECT_EQ(c->subs[1].value, 9);
     EXPECT_EQ(vask_hms_set_subscriber(c, 0x0303, 0), 0);
     EXPECT_EQ(vask_hms_set_subscriber(c, 0x0404, 4), 0);
     EXPECT_TRUE(c->subs[0].host == 0x0404 && !c->subs[1].in_use && !c->subs[2].in_use);
-    EXPECT_TRUE(log.has(0, "vask_hms_set_subscriber", "hms set subscriber:0202 2")) << log.text;
-    EXPECT_TRUE(log.has(0, "vask_hms_set_subscriber", "hms set subscriber:0404 4 failed"));
+    EXPECT_TRUE(log.has(0, "vask_hms_set_subscriber", "hms set subscriber:0404 4 failed")) << log.text;
     EXPECT_TRUE(log.has(0, "vask_hms_set_subscriber", "hms subscriber clear by host 0x0303"));
 }
 
@@ -210,7 +208,7 @@ TEST_F(Hms, CyclesSplitIntoMessages) {
         EXPECT_EQ(all, want);
         EXPECT_EQ(sent[msgs].b[1], uint8_t(sent[0].b[1] + 1));
         EXPECT_EQ(sent[msgs].b[2], msgs == 1 ? 0x80 : 0);
-        EXPECT_EQ(sent[msgs].entries()[0], want[0]);
+        EXPECT_EQ(sent[msgs].entries().at(0), want[0]);
         sent.clear();
     }
 }
