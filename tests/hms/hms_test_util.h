@@ -3,7 +3,6 @@
 #define HMS_TEST_UTIL_H
 
 #include <gtest/gtest.h>
-#include <semaphore.h>
 #include <stdio.h>
 #include <unistd.h>
 

@@ -140,9 +140,7 @@ TEST_F(Hms, RefusedCallsAreLogged) {
         {"vask_hms_create_client", create_with(0, 1025), -1003, "vask_hms_pool_init failed:-1003"},
         {"vask_hms_create_client", create_with(0, -1), -1003, "vask_hms_pool_init failed:-1003"},
         {"vask_hms_create_client", vask_hms_create_client(nullptr, &c), -1003, "Parameter NULL!"},
-        {"vask_hms_destroy_client", vask_hms_destroy_client(nullptr), -1003, "Parameter NULL!"},
         {"vask_hms_suspend_client", vask_hms_suspend_client(nullptr), -1003, "parameter is NULL"},
-        {"vask_hms_set_subscriber", vask_hms_set_subscriber(nullptr, 1, 1), -1003, "parameter is NULL"},
         {"vask_hms_insert_err", vask_hms_insert_err(nullptr, &e), -1003, "parameter is NULL"},
     };
     ASSERT_EQ(c, nullptr);
@@ -244,15 +242,15 @@ TEST_F(Hms, SuspendAndMissedTicks) {
     use_rule(0x2, 0, 0);
     create();
     ASSERT_EQ(vask_hms_suspend_client(c), 0);
+    const int64_t t0 = mono_ns();
     start();
+    // The timer keeps ticking: wait until its wake time has moved five periods.
     auto wake = [&] {
         sem_wait(&c->timer_lock);
         const int64_t v = ns(c->wake);
         return sem_post(&c->timer_lock), v;
     };
-    ASSERT_TRUE(eventually([&] { return wake() != 0; }));
-    const int64_t first = wake();
-    ASSERT_TRUE(eventually([&] { return wake() >= first + 5 * kPeriodNs; }));
+    ASSERT_TRUE(eventually([&] { return wake() >= t0 + 5 * kPeriodNs; }));
     EXPECT_EQ(det.calls.load(), 0);
     EXPECT_TRUE(snapshot().empty());
     ASSERT_EQ(vask_hms_resume_client(c), 0);
