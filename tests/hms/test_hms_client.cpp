@@ -34,7 +34,8 @@ struct Sent {
     std::vector<uint8_t> b;
     uint32_t period_after;  // period chosen for the next tick
     struct timespec wake;   // wake time of the sending tick
-    // The entries as "code:index=status", checking the frame on the way.
+    // The entries, each the code in native order then index and status, as
+    // "code:index=status"; checks the frame on the way.
     V entries() const {
         EXPECT_TRUE(b.size() >= 3 && b.size() <= 1005 && (b.size() - 3) % 6 == 0 && b[0] == 0) << b.size();
         V out;
@@ -167,7 +168,6 @@ TEST_F(Hms, SubscribersGetEveryHeartbeat) {
     for (size_t i = 0; i < 6; ++i) {
         EXPECT_EQ(s[i].host, hosts[i % 3]) << i;
         EXPECT_EQ(s[i].b, (std::vector<uint8_t>{0, uint8_t(255 + i / 3), 0x80})) << i;  // a heartbeat
-        EXPECT_EQ(s[i].period_after, kPeriod);
     }
     EXPECT_EQ(vask_hms_set_subscriber(c, 0x0303, 0), 0);
     EXPECT_EQ(vask_hms_set_subscriber(c, 0x0404, 4), 0);
@@ -189,9 +189,6 @@ TEST_F(Hms, CyclesSplitIntoMessages) {
         const size_t msgs = (count + per - 1) / per;
         ASSERT_TRUE(wait_sent(msgs + 1));
         finish();
-        // The code in native order, then index and status.
-        EXPECT_EQ(std::vector<uint8_t>(sent[0].b.begin() + 3, sent[0].b.begin() + 9),
-                  (std::vector<uint8_t>{0xEE, 0xFF, 0xC0, 0x00, 0, 1}));
         V all, want;
         for (size_t i = 0; i < msgs; ++i) {
             SCOPED_TRACE(testing::Message() << int{items} << " items, message " << i);

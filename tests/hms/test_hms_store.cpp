@@ -88,7 +88,6 @@ TEST_F(Store, ClientSyncRaisesChangesClearsAndMovesToTail) {
     EXPECT_EQ(sync(), (V{"raised 40:0=1", "changed 40:0=3"}));
     EXPECT_TRUE(sync().empty());
     EXPECT_EQ(active(&data).size(), 4u);
-    EXPECT_EQ(pool_free(&pool), kNodes - 4);
 }
 
 TEST_F(Store, ServerSyncTreatsEachBatchAsTheWholeList) {
@@ -120,7 +119,6 @@ TEST_F(Store, TheCursorNeverPointsAtAReleasedNode) {
     insert({E(7, 0, 1)});
     ASSERT_EQ(vask_hms_data_reset(&data, &pool), 0);
     EXPECT_EQ(data.send_cursor, &data.active->head);
-    EXPECT_EQ(pool_free(&pool), kNodes);
     insert({E(4, 0, 1)});
     ASSERT_EQ(vask_hms_data_reset_recv(&data, &pool), 0);
     EXPECT_EQ(pool_free(&pool), kNodes);
