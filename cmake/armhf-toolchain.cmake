@@ -30,8 +30,10 @@ find_program(CMAKE_STRIP ${KERM_ARMHF_TRIPLE}-strip)
 # As on the device's own builds: unwind tables in every function. Without
 # them ARM EHABI marks non-throwing (noexcept, C) functions "cannot unwind",
 # and backtrace() stops at the first such frame.
+# -Wno-psabi: silences notes about a GCC 7.1 change in how some C++ types are
+# passed, which only matters when mixing with objects from older compilers.
 set(CMAKE_C_FLAGS_INIT "-funwind-tables")
-set(CMAKE_CXX_FLAGS_INIT "-funwind-tables")
+set(CMAKE_CXX_FLAGS_INIT "-funwind-tables -Wno-psabi")
 
 set(CMAKE_FIND_ROOT_PATH ${KERM_ARMHF_SYSROOT} ${KERM_ARMHF_LIBC})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)

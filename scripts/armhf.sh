@@ -8,6 +8,11 @@ JOBS=${JOBS:-$(nproc)}
 command -v arm-linux-gnueabihf-g++ >/dev/null && command -v qemu-arm >/dev/null ||
   scripts/install-deps.sh
 scripts/armhf-sysroot.sh
-cmake --preset armhf >/dev/null
+# The toolchain's initial compile flags only reach a new cache: start a new one
+# when the toolchain file changed since the last configure.
+fresh=()
+cache=build/armhf/CMakeCache.txt
+if [ -f "$cache" ] && [ cmake/armhf-toolchain.cmake -nt "$cache" ]; then fresh=(--fresh); fi
+cmake --preset armhf "${fresh[@]}" >/dev/null
 cmake --build --preset armhf -j "$JOBS"
 ctest --preset armhf -j "$JOBS" "$@"
