@@ -12,7 +12,7 @@ PACKAGES=(
   clang-14 libclang-rt-14-dev
   g++-arm-linux-gnueabihf qemu-user
   ffmpeg
-  python3
+  python3 iproute2
 )
 
 missing=()

@@ -11,12 +11,16 @@ scripts/install-deps.sh
 
 stage() { echo; echo "=== $*"; }
 
+summary=$(mktemp); trap 'rm -f "$summary"' EXIT
+# Runs a test command, keeping its ctest summary line for the total.
+counted() { "$@" 2>&1 | tee -a "$summary"; return "${PIPESTATUS[0]}"; }
+
 run_preset() {
   local p=$1
   stage "configure/build/test: $p"
   cmake --preset "$p" >/dev/null
   cmake --build --preset "$p" -j "$JOBS"
-  ctest --preset "$p" -j "$JOBS"
+  counted ctest --preset "$p" -j "$JOBS"
 }
 
 run_preset default
@@ -24,10 +28,13 @@ run_preset asan
 run_preset tsan
 if [ -x scripts/armhf.sh ]; then
   stage "32-bit ARM target under qemu"
-  scripts/armhf.sh
+  counted scripts/armhf.sh
 fi
 if [ -x scripts/fuzz.sh ]; then
   stage "fuzz targets, ${FUZZ_SECONDS}s each"
-  FUZZ_SECONDS=$FUZZ_SECONDS scripts/fuzz.sh
+  FUZZ_SECONDS=$FUZZ_SECONDS counted scripts/fuzz.sh
 fi
 stage "all test stages passed"
+tests=$(grep -oE 'tests failed out of [0-9]+' "$summary" | awk '{s += $5} END {print s + 0}')
+fuzzers=$(grep -c '^--- fuzz_' "$summary" || true)
+echo "total: $((tests + fuzzers)) passed, 0 failed"

@@ -31,6 +31,21 @@ constinit LogState g_state = {1, LOG_HDR_MODULE, 0, VASK_LOG_WARNING, LOG_OUT_CO
 
 pid_t current_tid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
+namespace {
+// Wall-clock time as `format` in a zeroed text of N bytes, then ".mmm".
+template <size_t N>
+char *format_local_time(const char *format, char *dst, uint32_t size) {
+    struct timeval tv;
+    struct tm tm;
+    char text[N] = {0};
+    gettimeofday(&tv, nullptr);
+    localtime_r(&tv.tv_sec, &tm);
+    strftime(text, sizeof text, format, &tm);
+    if (dst != nullptr) snprintf(dst, size, "%s.%03ld", text, static_cast<long>(tv.tv_usec / 1000));
+    return dst;
+}
+}  // namespace
+
 }  // namespace kerm::log
 
 using namespace kerm::log;
@@ -167,25 +182,11 @@ KERM_API uint32_t vask_log_initialize(uint32_t level, uint32_t output) noexcept 
 }
 
 KERM_API char *get_local_time(char *dst, uint32_t size) noexcept {
-    struct timeval tv;
-    struct tm tm;
-    char text[40] = {0};
-    gettimeofday(&tv, nullptr);
-    localtime_r(&tv.tv_sec, &tm);
-    strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
-    if (dst != nullptr) snprintf(dst, size, "%s.%03ld", text, static_cast<long>(tv.tv_usec / 1000));
-    return dst;
+    return format_local_time<40>("%Y-%m-%d %H:%M:%S", dst, size);
 }
 
 KERM_API char *get_local_time_no_year(char *dst, uint32_t size) noexcept {
-    struct timeval tv;
-    struct tm tm;
-    char text[32] = {0};
-    gettimeofday(&tv, nullptr);
-    localtime_r(&tv.tv_sec, &tm);
-    strftime(text, sizeof text, "%m-%d %H:%M:%S", &tm);
-    if (dst != nullptr) snprintf(dst, size, "%s.%03ld", text, static_cast<long>(tv.tv_usec / 1000));
-    return dst;
+    return format_local_time<32>("%m-%d %H:%M:%S", dst, size);
 }
 
 }  // extern "C"
