@@ -1,6 +1,9 @@
 #include <regex>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <thread>
 
 #include "log/log_internal.h"
 #include "log_fixture.h"
@@ -88,4 +91,21 @@ TEST(LogTime, LocalTimeTexts) {
     char tiny[5];
     get_local_time(tiny, sizeof tiny);
     EXPECT_EQ(strlen(tiny), 4u);
+}
+
+TEST_F(LogTest, ThreadIdColumnIsThisThreadsEvenInAForkedChild) {
+    vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, LOG_HDR_TID, 0);
+    auto tid_column = [] {
+        char want[16];
+        snprintf(want, sizeof want, "(%4d)", static_cast<int>(gettid()));
+        return head(1, 0) == want;
+    };
+    EXPECT_TRUE(tid_column());
+    pid_t child = fork();
+    if (child == 0) _exit(tid_column() ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    std::thread other([&] { EXPECT_TRUE(tid_column()); });
+    other.join();
 }

@@ -29,7 +29,20 @@ const char *level_name(uint32_t level) { return level <= VASK_LOG_LEVEL_MAX ? kL
 constinit LogState g_state = {1, LOG_HDR_MODULE, 0, VASK_LOG_WARNING, LOG_OUT_CONSOLE, console_write,
                               default_thresholds(), PTHREAD_RWLOCK_INITIALIZER};
 
-pid_t current_tid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+namespace {
+// The kernel thread id, asked once per thread: the header and the console and
+// socket lines need it on every message. A forked child starts with the
+// forking thread's cache, so the child clears it.
+thread_local pid_t t_tid = 0;
+void forget_tid_in_child() { t_tid = 0; }
+const int g_atfork = pthread_atfork(nullptr, nullptr, forget_tid_in_child);
+}  // namespace
+
+pid_t current_tid() {
+    (void)g_atfork;
+    if (t_tid == 0) t_tid = static_cast<pid_t>(syscall(SYS_gettid));
+    return t_tid;
+}
 
 namespace {
 // Wall-clock time as `format` in a zeroed text of N bytes, then ".mmm".
