@@ -9,6 +9,8 @@ PACKAGES=(
   android-liblog-dev android-libutils-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libspdlog-dev libboost-dev
+  libjemalloc-dev libmimalloc-dev libconcurrentqueue-dev libfmt-dev libabsl-dev
+  gnuplot-nox ccache
   clang-14 libclang-rt-14-dev
   g++-arm-linux-gnueabihf qemu-user
   ffmpeg

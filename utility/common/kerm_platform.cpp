@@ -1,4 +1,5 @@
 #include "common/kerm_internal.h"
+#include "common/kerm_guard.h"
 
 #include <stdio.h>
 #include <string.h>
@@ -19,6 +20,13 @@ void lock_or_abort(pthread_mutex_t *m) noexcept {
 
 void unlock_or_abort(pthread_mutex_t *m) noexcept {
     if (pthread_mutex_unlock(m) != 0) abort();
+}
+
+void recursive_mutex_init_or_abort(pthread_mutex_t *m) noexcept {
+    pthread_mutexattr_t attr;
+    if (pthread_mutexattr_init(&attr) != 0) abort();
+    if (pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) != 0 || pthread_mutex_init(m, &attr) != 0) abort();
+    pthread_mutexattr_destroy(&attr);
 }
 
 int sem_wait_nointr(sem_t *s) noexcept {

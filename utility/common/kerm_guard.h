@@ -1,0 +1,55 @@
+// Scope guards for the library's locks and descriptors. Not installed.
+#ifndef KERM_GUARD_H
+#define KERM_GUARD_H
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include "common/kerm_internal.h"
+
+namespace kerm {
+
+// Holds a pthread mutex for the scope. A failing lock or unlock means a
+// corrupted lock: the process ends (lock_or_abort).
+class MutexGuard {
+public:
+    explicit MutexGuard(pthread_mutex_t *m) noexcept : m_(m) { lock_or_abort(m_); }
+    ~MutexGuard() { unlock_or_abort(m_); }
+    MutexGuard(const MutexGuard &) = delete;
+    MutexGuard &operator=(const MutexGuard &) = delete;
+
+private:
+    pthread_mutex_t *m_;
+};
+
+// Initialises a recursive pthread mutex (the containers' default); aborts on
+// failure like every other lock operation of the containers.
+void recursive_mutex_init_or_abort(pthread_mutex_t *m) noexcept;
+
+// Owns a descriptor; closes it at the end of the scope unless released.
+class FdGuard {
+public:
+    explicit FdGuard(int fd = -1) noexcept : fd_(fd) {}
+    ~FdGuard() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    FdGuard(const FdGuard &) = delete;
+    FdGuard &operator=(const FdGuard &) = delete;
+    int get() const noexcept { return fd_; }
+    int release() noexcept {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1) noexcept {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
+
+}  // namespace kerm
+
+#endif
