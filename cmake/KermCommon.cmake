@@ -1,7 +1,7 @@
 # Shared compile settings for the library, its tests and its tools.
 
 function(kerm_warnings target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror
+  target_compile_options(${target} PRIVATE -Wall -Wextra $<$<BOOL:${KERM_WERROR}>:-Werror>
     $<$<COMPILE_LANGUAGE:CXX>:-Wno-missing-field-initializers>
     # Cutting texts to fixed buffers is deliberate throughout the library.
     $<$<CXX_COMPILER_ID:GNU>:-Wno-format-truncation>)

@@ -11,6 +11,7 @@ PACKAGES=(
   libspdlog-dev libboost-dev
   libjemalloc-dev libmimalloc-dev libconcurrentqueue-dev libfmt-dev libabsl-dev
   gnuplot-nox ccache
+  debhelper dpkg-dev lintian abigail-tools doxygen help2man libcli11-dev
   clang-14 libclang-rt-14-dev
   g++-arm-linux-gnueabihf qemu-user
   ffmpeg

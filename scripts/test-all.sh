@@ -24,6 +24,10 @@ run_preset() {
 }
 
 run_preset default
+if [ -x scripts/package.sh ]; then
+  stage "Debian packages: build, lintian, install into a scratch root, C consumer"
+  scripts/package.sh build/package
+fi
 run_preset asan
 run_preset tsan
 if [ -x scripts/armhf.sh ]; then

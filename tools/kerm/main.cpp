@@ -3,6 +3,7 @@
 #include <string.h>
 
 #include "kerm_cmd.h"
+#include "kerm_version.h"
 
 namespace kerm_tool {
 namespace {
@@ -11,8 +12,10 @@ Command g_commands[kMaxCommands];
 int g_count = 0;
 
 void usage(FILE *out) {
-    fprintf(out, "usage: kerm <command> [options]\n\ncommands:\n");
+    fprintf(out, "usage: kerm <command> [options]\n       kerm --version | --help\n\n"
+                 "The command-line tool of the kerm_util device library.\n\ncommands:\n");
     for (int i = 0; i < g_count; ++i) fprintf(out, "  %-14s %s\n", g_commands[i].name, g_commands[i].summary);
+    fprintf(out, "\nexit status: 0 success, 1 failure, 2 usage error\n");
 }
 }  // namespace
 
@@ -24,7 +27,11 @@ Registrar::Registrar(const Command &cmd) {
 
 int main(int argc, char **argv) {
     using namespace kerm_tool;
-    if (argc < 2 || strcmp(argv[1], "help") == 0 || strcmp(argv[1], "--help") == 0) {
+    if (argc >= 2 && (strcmp(argv[1], "--version") == 0 || strcmp(argv[1], "-V") == 0)) {
+        printf("kerm (kerm_util) %s\n", KERM_UTIL_VERSION_STRING);
+        return 0;
+    }
+    if (argc < 2 || strcmp(argv[1], "help") == 0 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0) {
         usage(argc < 2 ? stderr : stdout);
         return argc < 2 ? 2 : 0;
     }
