@@ -2,7 +2,8 @@
 // case in hot paths), a header with all fields, a full console line and a full
 // socket line; the peers are a peer logger (filtered-out check, formatted line
 // into a null sink, line to standard output) and a raw sendto of the same bytes
-// to the same collector. Then the socket path with 4 threads logging at once,
+// to the same collector (alone, and with the per-line existence test of the
+// Android mirror file). Then the socket path with 4 threads logging at once,
 // timed per call (p50/p99/max).
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -146,34 +147,44 @@ BENCHMARK(BM_peer_stdout_line);
 
 // The socket benchmarks time the send side only: each iteration's datagram is
 // received by the collector outside the timed part (the kernel queues few).
-void BM_kerm_socket_line(benchmark::State &state) {
-    vask_log_initialize(VASK_LOG_WARNING, LOG_OUT_SOCKET);
+template <class Send>
+void timed_sends(benchmark::State &state, Send send) {
     const bool collector = collector_up();
     char buf[512];
     int i = 0;
     for (auto _ : state) {
         uint64_t t0 = now_ns();
-        log_line(VASK_LOG_ERROR, i++);
+        send(i++);
         state.SetIterationTime(static_cast<double>(now_ns() - t0) * 1e-9);
         if (collector) benchmark::DoNotOptimize(vask_log_server_recv(buf, sizeof buf));
     }
+}
+
+void BM_kerm_socket_line(benchmark::State &state) {
+    collector_up();
+    vask_log_initialize(VASK_LOG_WARNING, LOG_OUT_SOCKET);
+    timed_sends(state, [](int i) { log_line(VASK_LOG_ERROR, i); });
     vask_log_control(LOG_CTRL_SET_OUTPUT, LOG_OUT_CONSOLE, 0);
 }
 BENCHMARK(BM_kerm_socket_line)->UseManualTime();
 
+// A client socket like the library's, and one real line's bytes to send.
 struct RawClient {
     int fd;
     struct sockaddr_un addr;
-    std::string line;  // one line as the socket output writes it
+    std::string line;
+    void send() const {
+        sendto(fd, line.data(), line.size(), 0, reinterpret_cast<const struct sockaddr *>(&addr), 13);
+    }
 };
 
 RawClient raw_client() {
+    collector_up();
     RawClient c{};
     c.fd = socket(AF_UNIX, SOCK_DGRAM, 0);
     fcntl(c.fd, F_SETFL, fcntl(c.fd, F_GETFL) | O_NONBLOCK);
     c.addr.sun_family = AF_UNIX;
     memcpy(c.addr.sun_path + 1, "/dev/aplog", 10);
-    // Capture the bytes of a real line once, so the peer sends the same size.
     vask_log_initialize(VASK_LOG_WARNING, LOG_OUT_SOCKET);
     log_line(VASK_LOG_ERROR, 1000);
     vask_log_control(LOG_CTRL_SET_OUTPUT, LOG_OUT_CONSOLE, 0);
@@ -185,19 +196,24 @@ RawClient raw_client() {
 }
 
 void BM_raw_sendto_line(benchmark::State &state) {
-    const bool collector = collector_up();
     RawClient c = raw_client();
-    char buf[512];
-    for (auto _ : state) {
-        uint64_t t0 = now_ns();
-        sendto(c.fd, c.line.data(), c.line.size(), 0, reinterpret_cast<struct sockaddr *>(&c.addr), 13);
-        state.SetIterationTime(static_cast<double>(now_ns() - t0) * 1e-9);
-        if (collector) benchmark::DoNotOptimize(vask_log_server_recv(buf, sizeof buf));
-    }
+    timed_sends(state, [&c](int) { c.send(); });
     state.counters["bytes"] = static_cast<double>(c.line.size());
     close(c.fd);
 }
 BENCHMARK(BM_raw_sendto_line)->UseManualTime();
+
+// The socket line must also test whether "/etc/enable_android_log" exists,
+// on every line: the same send plus that test is the floor the line can reach.
+void BM_raw_sendto_exists_line(benchmark::State &state) {
+    RawClient c = raw_client();
+    timed_sends(state, [&c](int) {
+        c.send();
+        benchmark::DoNotOptimize(access("/etc/enable_android_log", F_OK));
+    });
+    close(c.fd);
+}
+BENCHMARK(BM_raw_sendto_exists_line)->UseManualTime();
 
 // 4 threads send at once while a collector thread drains; every call is timed.
 template <class Send>
@@ -243,11 +259,8 @@ void BM_kerm_socket_4threads(benchmark::State &state) {
 BENCHMARK(BM_kerm_socket_4threads)->UseManualTime()->Iterations(1);
 
 void BM_raw_sendto_4threads(benchmark::State &state) {
-    collector_up();
     RawClient c = raw_client();
-    tail_latency(state, [&c](int) {
-        sendto(c.fd, c.line.data(), c.line.size(), 0, reinterpret_cast<const struct sockaddr *>(&c.addr), 13);
-    });
+    tail_latency(state, [&c](int) { c.send(); });
     close(c.fd);
 }
 BENCHMARK(BM_raw_sendto_4threads)->UseManualTime()->Iterations(1);
@@ -276,6 +289,7 @@ public:
         ratio("BM_kerm_header_all_fields", "BM_peer_formatted_null_sink", "header vs peer formatted line");
         ratio("BM_kerm_console_line", "BM_peer_stdout_line", "console line vs peer stdout line");
         ratio("BM_kerm_socket_line", "BM_raw_sendto_line", "socket line vs raw sendto");
+        ratio("BM_kerm_socket_line", "BM_raw_sendto_exists_line", "socket line vs sendto + exists test");
         for (const char *c : {"p50_ns", "p99_ns", "max_ns"}) {
             auto &ours = g_counters["BM_kerm_socket_4threads"];
             auto &theirs = g_counters["BM_raw_sendto_4threads"];
