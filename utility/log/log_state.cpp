@@ -1,8 +1,7 @@
-// Log state, level filter, run-time control and the line header.
+// Log state, level filter, run-time control, the line header and the time texts.
 #include <stdio.h>
 #include <string.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -123,14 +122,8 @@ class HeadWriter {
 public:
     HeadWriter(char *buf, uint32_t size) : buf_(buf), limit_(size - 2) {}
     bool full() const { return pos_ > limit_; }
-    // Field text of n characters after `pad` blanks.
-    void put(const char *text, uint32_t n, uint32_t pad = 0) {
-        uint32_t at = pos_;
-        for (; pad > 0 && at < limit_; --pad) buf_[at++] = ' ';
-        const uint32_t take = at < limit_ ? (n < limit_ - at ? n : limit_ - at) : 0;
-        memcpy(buf_ + at, text, take);
-        end_ = at + take;
-    }
+    // Field text of n characters.
+    void put(const char *text, uint32_t n) { write_at(pos_, text, n, 0); }
     // "%<width>s" after a one-character lead ("" when lead is 0).
     void put_string(char lead, const char *s, uint32_t width) {
         uint32_t at = pos_;
@@ -138,15 +131,20 @@ public:
         // Only what fits is measured: a caller's text may be long.
         const uint32_t room = at < limit_ ? limit_ - at : 0;
         const uint32_t n = static_cast<uint32_t>(strnlen(s, room > width ? room : width));
-        const uint32_t saved = pos_;
-        pos_ = at;
-        put(s, n, n < width ? width - n : 0);
-        pos_ = saved;
+        write_at(at, s, n, n < width ? width - n : 0);
     }
     void advance(uint32_t width) { pos_ += width; }
     void finish() { buf_[end_] = '\0'; }
 
 private:
+    // `pad` blanks and then the text, at `at`, cut at the limit.
+    void write_at(uint32_t at, const char *text, uint32_t n, uint32_t pad) {
+        for (; pad > 0 && at < limit_; --pad) buf_[at++] = ' ';
+        const uint32_t take = at < limit_ ? (n < limit_ - at ? n : limit_ - at) : 0;
+        memcpy(buf_ + at, text, take);
+        end_ = at + take;
+    }
+
     char *buf_;
     uint32_t limit_;  // characters go at offsets below this
     uint32_t pos_ = 0;
