@@ -1,5 +1,5 @@
-// Header building and socket-line formatting with arbitrary flags, levels,
-// modules, texts and buffer sizes: never writes outside the buffer.
+// Header building and the socket and syslog lines with arbitrary flags,
+// levels, modules, texts and buffer sizes: never writes outside a buffer.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -22,11 +22,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (size_t i = 0; i < text_len; ++i)
         if (text[i] == '%') text[i] = '_';  // the text is a message, not a format
 
+    // Lines go through the socket output; with no collector bound the sends fail quietly.
+    static const int32_t socket_output = vask_log_control(LOG_CTRL_SET_OUTPUT, LOG_OUT_SOCKET, 0);
+    (void)socket_output;
     vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, VASK_LOG_ALL_MODULES, 255);
     vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, flags, 0);
     char *head = static_cast<char *>(malloc(buf_size));
-    if (vask_log_gen_head(module % 300, level % 12, head, buf_size, text, text, static_cast<int32_t>(module)))
+    if (vask_log_gen_head(module % 300, level % 12, head, buf_size, text, text, static_cast<int32_t>(module))) {
         vask_log_print_syslog(module % 300, level % 12, head, "%s", text);
+        vask_log_print(module % 300, level % 12, (flags & 0x200) ? nullptr : head, "%s", text);
+    }
     free(head);
     free(text);
     return 0;

@@ -22,6 +22,29 @@ private:
     pthread_mutex_t *m_;
 };
 
+// Tries a pthread reader-writer lock for reading without waiting and holds
+// it for the scope if that worked; status() is the try's result. For callers
+// that drop their work rather than wait.
+class RwTryReadGuard {
+public:
+    explicit RwTryReadGuard(pthread_rwlock_t *l) noexcept : l_(l), rc_(pthread_rwlock_tryrdlock(l)) {}
+    ~RwTryReadGuard() { (void)unlock(); }
+    RwTryReadGuard(const RwTryReadGuard &) = delete;
+    RwTryReadGuard &operator=(const RwTryReadGuard &) = delete;
+    int status() const noexcept { return rc_; }
+    // Releases early; returns the release's result (0 when not held).
+    int unlock() noexcept {
+        if (rc_ != 0 || l_ == nullptr) return 0;
+        pthread_rwlock_t *l = l_;
+        l_ = nullptr;
+        return pthread_rwlock_unlock(l);
+    }
+
+private:
+    pthread_rwlock_t *l_;
+    int rc_;
+};
+
 // Initialises a recursive pthread mutex (the containers' default); aborts on
 // failure like every other lock operation of the containers.
 void recursive_mutex_init_or_abort(pthread_mutex_t *m) noexcept;

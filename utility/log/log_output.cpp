@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "common/kerm_guard.h"
 #include "common/kerm_internal.h"
 #include "log/android_backend.h"
 #include "log/log_internal.h"
@@ -92,29 +93,36 @@ bool android_mirror_enabled() {
 
 void socket_write(uint32_t module, uint32_t level, const char *head, const char *format, va_list ap) {
     // Room for 253 characters and the terminator; a longer line is cut and
-    // then carries no newline.
+    // then carries no newline. `total` counts what each part would have
+    // written uncut, as the bounded prints of the line report it.
     constexpr size_t kRoom = 254;
-    char buf[256] = {0};
-    char now[40];
-    size_t pos = 0;
-    long total = 0;
-    auto advance = [&](int n) {
-        if (n < 0) return;
+    char buf[256];
+    size_t pos = line_prefix(buf);  // always shorter than the room
+    size_t total = pos;
+    auto append = [&](const char *text, size_t n) {
+        const size_t take = n < kRoom - 1 - pos ? n : kRoom - 1 - pos;
+        memcpy(buf + pos, text, take);
         total += n;
-        pos = static_cast<size_t>(total) < kRoom - 1 ? static_cast<size_t>(total) : kRoom - 1;
+        pos = total < kRoom - 1 ? total : kRoom - 1;
     };
-    get_local_time(now, 39);
-    advance(snprintf(buf, kRoom, "%s %5d %5d", now, static_cast<int>(getpid()), static_cast<int>(current_tid())));
-    if (head != nullptr) advance(snprintf(buf + pos, kRoom - pos, " %s %c %s", head, level_letter(level), ":"));
-    else advance(snprintf(buf + pos, kRoom - pos, " %c %s", level_letter(level), ":"));
+    const char tail[4] = {' ', level_letter(level), ' ', ':'};
+    if (head != nullptr) {
+        append(" ", 1);
+        append(head, strnlen(head, kRoom));
+    }
+    append(tail, sizeof tail);
+    buf[pos] = '\0';
     va_list mirror;
     va_copy(mirror, ap);
-    advance(vsnprintf(buf + pos, kRoom - pos, format ? format : "", ap));
-    if (total == 0 || (static_cast<size_t>(total) < kRoom && buf[total - 1] != '\n'))
+    const int n = vsnprintf(buf + pos, kRoom - pos, format ? format : "", ap);
+    if (n > 0) total += static_cast<size_t>(n);
+    if (total < kRoom && buf[total - 1] != '\n') {
         buf[total] = '\n';
+        buf[total + 1] = '\0';
+    }
     if (g_client_fd >= 0) {
-        struct sockaddr_un addr = socket_address();
-        sendto(g_client_fd, buf, strlen(buf), 0, reinterpret_cast<struct sockaddr *>(&addr), kSocketAddrLen);
+        static const struct sockaddr_un addr = socket_address();
+        sendto(g_client_fd, buf, strlen(buf), 0, reinterpret_cast<const struct sockaddr *>(&addr), kSocketAddrLen);
     }
     if (android_mirror_enabled()) android_main_write(module, level, head, format, mirror);
     va_end(mirror);
@@ -139,17 +147,28 @@ LogOutput g_outputs[LOG_OUT_COUNT] = {
 }  // namespace
 
 void console_write(uint32_t, uint32_t, const char *head, const char *format, va_list ap) {
-    char now[40];
-    char prefix[50];
-    get_local_time(now, 39);
-    snprintf(prefix, sizeof prefix, "%s %5d %5d", now, static_cast<int>(getpid()), static_cast<int>(current_tid()));
-    if (head != nullptr) printf("%s %s :", prefix, head);
-    else printf("%s :", prefix);
+    // The prefix is cut at 49 characters; then " head :" or " :", and the
+    // message as a second write.
+    constexpr size_t kPrefixMax = 49;
+    char line[kLinePrefixMax + 1 + 2];
+    size_t n = line_prefix(line);
+    if (n > kPrefixMax) n = kPrefixMax;
+    line[n++] = ' ';
+    if (head == nullptr) line[n++] = ':';
+    // One locked stretch, so no other thread's output lands inside the prefix.
+    flockfile(stdout);
+    fwrite_unlocked(line, 1, n, stdout);
+    if (head != nullptr) {
+        fputs_unlocked(head, stdout);
+        fwrite_unlocked(" :", 1, 2, stdout);
+    }
+    funlockfile(stdout);
     // The format text, not the message, gets the closing newline.
-    char fmt[256] = {0};
-    if (format != nullptr) strncpy(fmt, format, 254);
-    size_t len = strlen(fmt);
-    if (len == 0 || fmt[len - 1] != '\n') fmt[len] = '\n';
+    char fmt[256];
+    size_t len = format != nullptr ? strnlen(format, 254) : 0;
+    memcpy(fmt, format != nullptr ? format : "", len);
+    if (len == 0 || fmt[len - 1] != '\n') fmt[len++] = '\n';
+    fmt[len] = '\0';
     vprintf(fmt, ap);
 }
 
@@ -177,15 +196,15 @@ extern "C" {
 
 KERM_API int32_t vask_log_print(uint32_t module, uint32_t level, const char *head, const char *format, ...) noexcept {
     // A busy lock means a control command is running: drop, never wait.
-    int rc = pthread_rwlock_tryrdlock(&g_state.lock);
-    if (rc != 0) return rc;
+    kerm::RwTryReadGuard guard(&g_state.lock);
+    if (guard.status() != 0) return guard.status();
     if (passes(module, level)) {
         va_list ap;
         va_start(ap, format);
         g_state.write(module, level, head, format, ap);
         va_end(ap);
     }
-    return pthread_rwlock_unlock(&g_state.lock);
+    return guard.unlock();
 }
 
 KERM_API void vask_log_print_syslog(uint32_t module, uint32_t level, const char *head, const char *format,

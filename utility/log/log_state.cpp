@@ -1,8 +1,7 @@
-// Log state, level filter, run-time control and the line header.
+// Log state, level filter, run-time control, the line header and the time texts.
 #include <stdio.h>
 #include <string.h>
 #include <sys/syscall.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -29,14 +28,29 @@ const char *level_name(uint32_t level) { return level <= VASK_LOG_LEVEL_MAX ? kL
 constinit LogState g_state = {1, LOG_HDR_MODULE, 0, VASK_LOG_WARNING, LOG_OUT_CONSOLE, console_write,
                               default_thresholds(), PTHREAD_RWLOCK_INITIALIZER};
 
+ClockFn g_clock = clock_gettime;
+
 namespace {
-// The kernel thread id, asked once per thread: the header and the console and
-// socket lines need it on every message. A forked child starts with the
-// forking thread's cache, so the child clears it.
+// Per-process and per-thread id caches. A forked child starts with the forking
+// thread's values, so the child clears them.
+int32_t g_pid = 0;
 thread_local pid_t t_tid = 0;
-void forget_tid_in_child() { t_tid = 0; }
-const int g_atfork = pthread_atfork(nullptr, nullptr, forget_tid_in_child);
+void forget_ids_in_child() {
+    store(g_pid, 0);
+    t_tid = 0;
+}
+const int g_atfork = pthread_atfork(nullptr, nullptr, forget_ids_in_child);
 }  // namespace
+
+pid_t current_pid() {
+    (void)g_atfork;
+    int32_t pid = load(g_pid);
+    if (pid == 0) {
+        pid = static_cast<int32_t>(getpid());
+        store(g_pid, pid);
+    }
+    return pid;
+}
 
 pid_t current_tid() {
     (void)g_atfork;
@@ -45,18 +59,100 @@ pid_t current_tid() {
 }
 
 namespace {
-// Wall-clock time as `format` in a zeroed text of N bytes, then ".mmm".
+// A date and time text of one wall-clock second, kept per thread: localtime_r
+// and strftime run once a second instead of on every line.
+struct SecondText {
+    bool valid;
+    time_t sec;
+    uint32_t len;
+    char text[40];
+};
+thread_local SecondText t_full_text, t_short_text;
+
+// Wall-clock time as `format` in a zeroed text of N bytes, then ".mmm", into
+// `dst` bounded by `size`; returns the characters written.
 template <size_t N>
-char *format_local_time(const char *format, char *dst, uint32_t size) {
-    struct timeval tv;
-    struct tm tm;
-    char text[N] = {0};
-    gettimeofday(&tv, nullptr);
-    localtime_r(&tv.tv_sec, &tm);
-    strftime(text, sizeof text, format, &tm);
-    if (dst != nullptr) snprintf(dst, size, "%s.%03ld", text, static_cast<long>(tv.tv_usec / 1000));
-    return dst;
+uint32_t format_local_time(const char *format, SecondText &cache, char *dst, uint32_t size) {
+    static_assert(N <= sizeof cache.text);
+    struct timespec ts;
+    g_clock(CLOCK_REALTIME, &ts);
+    if (!cache.valid || cache.sec != ts.tv_sec) {
+        struct tm tm {};
+        char text[N] = {0};
+        localtime_r(&ts.tv_sec, &tm);
+        strftime(text, sizeof text, format, &tm);
+        cache.len = static_cast<uint32_t>(strlen(text));
+        memcpy(cache.text, text, cache.len);
+        cache.sec = ts.tv_sec;
+        cache.valid = true;
+    }
+    if (dst == nullptr || size == 0) return 0;
+    char full[sizeof cache.text + 4];
+    memcpy(full, cache.text, cache.len);
+    full[cache.len] = '.';
+    put_zero_padded(full + cache.len + 1, static_cast<uint32_t>(ts.tv_nsec / 1000000), 3);
+    const uint32_t n = cache.len + 4 < size ? cache.len + 4 : size - 1;
+    memcpy(dst, full, n);
+    dst[n] = '\0';
+    return n;
 }
+}  // namespace
+
+uint32_t local_time_text(char *dst, uint32_t size) {
+    return format_local_time<40>("%Y-%m-%d %H:%M:%S", t_full_text, dst, size);
+}
+
+uint32_t line_prefix(char *out) {
+    uint32_t n = local_time_text(out, 39);
+    out[n++] = ' ';
+    n += put_int(out + n, current_pid(), 5);
+    out[n++] = ' ';
+    n += put_int(out + n, current_tid(), 5);
+    out[n] = '\0';
+    return n;
+}
+
+namespace {
+// Lays the header fields down in fixed columns. Each field is written at pos
+// and pos then moves by the field's column width, whatever the field's
+// length: a longer field is cut by the next one, the last one is not. As with
+// a bounded print of room size - pos - 1 per field, the text keeps at most
+// size - 2 characters, and once pos passes that no further field is written.
+class HeadWriter {
+public:
+    HeadWriter(char *buf, uint32_t size) : buf_(buf), limit_(size - 2) {}
+    bool full() const { return pos_ > limit_; }
+    // Field text of n characters.
+    void put(const char *text, uint32_t n) { write_at(pos_, text, n, 0); }
+    // "%<width>s" after a one-character lead ("" when lead is 0).
+    void put_string(char lead, const char *s, uint32_t width) {
+        uint32_t at = pos_;
+        if (lead != 0 && at < limit_) buf_[at++] = lead;
+        // Only what fits is measured: a caller's text may be long.
+        const uint32_t room = at < limit_ ? limit_ - at : 0;
+        const uint32_t n = static_cast<uint32_t>(strnlen(s, room > width ? room : width));
+        write_at(at, s, n, n < width ? width - n : 0);
+    }
+    void advance(uint32_t width) { pos_ += width; }
+    void finish() { buf_[end_] = '\0'; }
+
+private:
+    // `pad` blanks and then the text, at `at`, cut at the limit.
+    void write_at(uint32_t at, const char *text, uint32_t n, uint32_t pad) {
+        for (; pad > 0 && at < limit_; --pad) buf_[at++] = ' ';
+        const uint32_t take = at < limit_ ? (n < limit_ - at ? n : limit_ - at) : 0;
+        memcpy(buf_ + at, text, take);
+        end_ = at + take;
+    }
+
+    char *buf_;
+    uint32_t limit_;  // characters go at offsets below this
+    uint32_t pos_ = 0;
+    uint32_t end_ = 0;
+};
+
+constexpr const char kColors[VASK_LOG_VERBOSE + 1][8] = {"\033[31;1m", "\033[35;1m", "\033[33;1m",
+                                                         "\033[32;1m", "\033[36;1m", "\033[37;1m"};
 }  // namespace
 
 }  // namespace kerm::log
@@ -69,36 +165,49 @@ KERM_API uint32_t vask_log_gen_head(uint32_t module, uint32_t level, char *buf, 
                                     const char *function, int32_t line) noexcept {
     if (!passes(module, level)) return 0;
     if (buf == nullptr || size == 0) return 1;
-    buf[0] = '\0';
+    if (size < 2) {
+        buf[0] = '\0';
+        return 1;
+    }
     const uint32_t flags = load(g_state.head_flags);
-    uint32_t pos = 0;
-    // Each field goes at pos with room size - pos - 1 and then pos moves by the
-    // field's fixed column width, whatever was printed: a longer field is cut
-    // by the next one. Fields stop once no room is left.
-    auto room = [&]() -> uint32_t { return pos + 1 < size ? size - pos - 1 : 0; };
-#define KERM_HEAD_FIELD(flag, advance, ...)                            \
-    if ((flags & (flag)) != 0) {                                       \
-        if (room() == 0) return 1;                                     \
-        snprintf(buf + pos, room(), __VA_ARGS__);                      \
-        pos += (advance);                                              \
-    }
-    static constexpr const char *colors[VASK_LOG_VERBOSE + 1] = {"\033[31;1m", "\033[35;1m", "\033[33;1m",
-                                                                 "\033[32;1m", "\033[36;1m", "\033[37;1m"};
-    KERM_HEAD_FIELD(LOG_HDR_COLOR, 7, "%s", colors[clamp_level(level)])
-    if ((flags & LOG_HDR_TIME) != 0) {
+    HeadWriter w(buf, size);
+    char num[24];
+    // One field: written while room is left, then the column advance.
+    auto field = [&](uint32_t flag, uint32_t advance, auto &&write) {
+        if ((flags & flag) == 0 || w.full()) return;
+        write();
+        w.advance(advance);
+    };
+    auto bracketed = [&](char open, int32_t v, char close) {
+        num[0] = open;
+        uint32_t n = 1 + put_int(num + 1, v, 4);
+        num[n++] = close;
+        w.put(num, n);
+    };
+    field(LOG_HDR_COLOR, 7, [&] { w.put(kColors[clamp_level(level)], 7); });
+    field(LOG_HDR_TIME, 12, [&] {
         struct timespec ts;
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        KERM_HEAD_FIELD(LOG_HDR_TIME, 12, "-%11u", mono_stamp_us(ts))
-    }
-    KERM_HEAD_FIELD(LOG_HDR_MODULE, 6, "VASK%02X", module)
-    KERM_HEAD_FIELD(LOG_HDR_LEVEL, 2, "@%1d", static_cast<int>(level))
-    KERM_HEAD_FIELD(LOG_HDR_PID, 6, "<%4d>", static_cast<int>(load(g_state.pid)))
-    KERM_HEAD_FIELD(LOG_HDR_TID, 6, "(%4d)", static_cast<int>(current_tid()))
-    KERM_HEAD_FIELD(LOG_HDR_FILE, 16, "%16s", file ? file : "(null)")
-    KERM_HEAD_FIELD(LOG_HDR_FUNC, 25, "[%24s", function ? function : "(null)")
-    KERM_HEAD_FIELD(LOG_HDR_LINE, 6, ":%4d]", static_cast<int>(line))
-    KERM_HEAD_FIELD(LOG_HDR_COLOR, 0, "%s", "\033[0m ")
-#undef KERM_HEAD_FIELD
+        g_clock(CLOCK_MONOTONIC, &ts);
+        num[0] = '-';
+        w.put(num, 1 + put_uint(num + 1, mono_stamp_us(ts), 11));
+    });
+    field(LOG_HDR_MODULE, 6, [&] {
+        // Filtered modules are below 139: always two hex digits.
+        const char hex[] = "0123456789ABCDEF";
+        const char text[6] = {'V', 'A', 'S', 'K', hex[(module >> 4) & 0xF], hex[module & 0xF]};
+        w.put(text, 6);
+    });
+    field(LOG_HDR_LEVEL, 2, [&] {
+        num[0] = '@';
+        w.put(num, 1 + put_int(num + 1, static_cast<int32_t>(level), 1));
+    });
+    field(LOG_HDR_PID, 6, [&] { bracketed('<', load(g_state.pid), '>'); });
+    field(LOG_HDR_TID, 6, [&] { bracketed('(', current_tid(), ')'); });
+    field(LOG_HDR_FILE, 16, [&] { w.put_string(0, file ? file : "(null)", 16); });
+    field(LOG_HDR_FUNC, 25, [&] { w.put_string('[', function ? function : "(null)", 24); });
+    field(LOG_HDR_LINE, 6, [&] { bracketed(':', line, ']'); });
+    field(LOG_HDR_COLOR, 0, [&] { w.put("\033[0m ", 5); });
+    w.finish();
     return 1;
 }
 
@@ -195,11 +304,13 @@ KERM_API uint32_t vask_log_initialize(uint32_t level, uint32_t output) noexcept 
 }
 
 KERM_API char *get_local_time(char *dst, uint32_t size) noexcept {
-    return format_local_time<40>("%Y-%m-%d %H:%M:%S", dst, size);
+    local_time_text(dst, size);
+    return dst;
 }
 
 KERM_API char *get_local_time_no_year(char *dst, uint32_t size) noexcept {
-    return format_local_time<32>("%m-%d %H:%M:%S", dst, size);
+    format_local_time<32>("%m-%d %H:%M:%S", t_short_text, dst, size);
+    return dst;
 }
 
 }  // extern "C"
