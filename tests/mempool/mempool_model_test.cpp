@@ -121,7 +121,7 @@ protected:
 };
 
 TEST_P(MempoolModel, MixedOperationsKeepThePoolConsistent) {
-    const int steps = under_emulator() ? 3000 : 12000;
+    const int steps = under_emulator() ? 3000 : 6000;
     ASSERT_EQ(init_memory_pool(64 * K, pool), 64 * K - kReserved - kRegionOverhead);
     for (int i = 0; i < steps; ++i) {
         if (i == steps / 5) add_area(100, 32, false);       // A, separate
