@@ -52,7 +52,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     void *pool = g_arena;
     // First byte: the first region's size, 8..39 KiB.
     const size_t first = (8 + data[0] % 32) * K;
-    if (init_memory_pool(first, pool) == static_cast<size_t>(-1)) abort();
+    destroy_memory_pool(pool);  // else init finds the last input's pool and keeps it
+    if (init_memory_pool(first, pool) != first - kReserved - kRegionOverhead) abort();
     Slot slots[kSlots] = {};
     uint8_t seed = 1;
     // Areas that can be added once each: right behind the first region, two

@@ -281,13 +281,19 @@ TEST(MempoolRealloc, GrowCountsTheAbsorbedHeader) {
     EXPECT_TRUE(PoolOk(a.data()));
 }
 
+// A request the search class lets out of a free block of `bytes`, leaving a free tail.
+size_t leaving_a_tail(size_t bytes) {
+    const uintptr_t step = uintptr_t{1} << (msb(static_cast<uint32_t>(bytes)) - kSlLog2);
+    return (bytes & ~(step - 1)) - step;
+}
+
 TEST(MempoolRegions, AddedAreasMergeAtEitherEnd) {
     const size_t first = 16384, piece = 4096;
     Arena a(first + 8 * piece);
     uint8_t *base = a.data();
     const size_t big = init_memory_pool(first, base);
     void *pool = base;
-    void *tail_user = malloc_ex(big - 64, pool);  // leaves the region's last block free
+    void *tail_user = malloc_ex(leaving_a_tail(big), pool);  // leaves the region's last block free
     ASSERT_NE(tail_user, nullptr);
 
     // Right behind the first region: its sentinel and the new descriptor become free space.
@@ -306,7 +312,7 @@ TEST(MempoolRegions, AddedAreasMergeAtEitherEnd) {
     EXPECT_EQ(st.regions, 2u);
 
     // The gap between the two regions closes: one region again.
-    void *in_far = malloc_ex(2 * piece - kRegionOverhead - 64, pool);
+    void *in_far = malloc_ex(leaving_a_tail(2 * piece - kRegionOverhead), pool);
     ASSERT_NE(in_far, nullptr);
     EXPECT_GE(add_new_area(base + first + piece, 2 * piece, pool), 2 * piece);
     st = stats_of(pool);
