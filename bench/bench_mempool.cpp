@@ -22,6 +22,7 @@
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -92,36 +93,48 @@ void calibrate() {
 enum Workload { kMallocFree, kRealloc };
 const char *const kWorkloadName[] = {"malloc+free", "realloc"};
 
-// One pass of kOps operations; when `lat` is given, each operation's ticks.
-// Slots are released afterwards, so passes start from the same state.
-void run(const Allocator &a, Workload w, std::vector<uint32_t> *lat) {
-    std::mt19937 rng(2026);
-    std::uniform_int_distribution<size_t> size(8, 4096);
-    std::vector<void *> slot(kSlots, nullptr);
-    if (w == kRealloc)
-        for (auto &s : slot) s = a.alloc(size(rng));
-    for (size_t i = 0; i < kOps; ++i) {
-        void *&s = slot[rng() % kSlots];
-        const size_t n = size(rng);
-        const uint64_t t0 = lat ? ticks() : 0;
-        if (w == kRealloc) {
-            s = a.resize(s, n);
-        } else if (s != nullptr) {
-            a.release(s);
-            s = nullptr;
-        } else {
-            s = a.alloc(n);
-        }
-        if (lat) (*lat)[i] = uint32_t(std::min<uint64_t>(ticks() - t0, UINT32_MAX));
-        if (s == nullptr && w == kRealloc) abort();
-        if (s != nullptr) static_cast<char *>(s)[0] = char(i);  // the caller touches what it gets
+// A workload's state: the slots and the size sequence, so that a pass can be
+// run in chunks.
+struct Pass {
+    const Allocator &a;
+    Workload w;
+    std::mt19937 rng{2026};
+    std::uniform_int_distribution<size_t> size{8, 4096};
+    std::vector<void *> slot = std::vector<void *>(kSlots, nullptr);
+    size_t done = 0;
+
+    Pass(const Allocator &alloc, Workload wl) : a(alloc), w(wl) {
+        if (w == kRealloc)
+            for (auto &s : slot) s = a.alloc(size(rng));
     }
-    for (void *s : slot)
-        if (s != nullptr) a.release(s);
-}
+    ~Pass() {
+        for (void *s : slot)
+            if (s != nullptr) a.release(s);
+    }
+
+    // `count` operations; when `lat` is given, each operation's ticks.
+    void run(size_t count, uint32_t *lat) {
+        for (size_t i = 0; i < count; ++i, ++done) {
+            void *&s = slot[rng() % kSlots];
+            const size_t n = size(rng);
+            const uint64_t t0 = lat ? ticks() : 0;
+            if (w == kRealloc) {
+                s = a.resize(s, n);
+            } else if (s != nullptr) {
+                a.release(s);
+                s = nullptr;
+            } else {
+                s = a.alloc(n);
+            }
+            if (lat) lat[i] = uint32_t(std::min<uint64_t>(ticks() - t0, UINT32_MAX));
+            if (s == nullptr && w == kRealloc) abort();
+            if (s != nullptr) static_cast<char *>(s)[0] = char(done);  // the caller touches what it gets
+        }
+    }
+};
 
 void BM_throughput(benchmark::State &state, const Allocator *a, Workload w) {
-    for (auto _ : state) run(*a, w, nullptr);
+    for (auto _ : state) Pass(*a, w).run(kOps, nullptr);
     state.SetItemsProcessed(int64_t(state.iterations()) * kOps);
 }
 
@@ -145,19 +158,30 @@ public:
     }
 };
 
-void measure_latency(Workload w, const Allocator &a) {
-    std::vector<uint32_t> lat(kOps);
-    run(a, w, nullptr);  // warm: pages touched, caches filled
-    run(a, w, &lat);
-    std::vector<uint32_t> sorted = lat;
-    std::sort(sorted.begin(), sorted.end());
-    auto at = [&](double q) { return sorted[std::min(sorted.size() - 1, size_t(q * sorted.size()))] * g_ns_per_tick; };
-    Row &row = g_rows[key(w, a)];
-    row.median = at(0.5);
-    row.p99 = at(0.99);
-    row.p9999 = at(0.9999);
-    row.max = sorted.back() * g_ns_per_tick;
-    g_samples[key(w, a)] = std::move(sorted);
+// Per-operation latencies of every allocator, measured in chunks taken in
+// turn, so that a noisy moment on the machine falls on all of them alike.
+void measure_latency(Workload w) {
+    constexpr size_t kChunk = 4096;
+    std::vector<std::unique_ptr<Pass>> passes;
+    std::vector<std::vector<uint32_t>> lat;
+    for (const Allocator &a : kAllocators) {
+        Pass(a, w).run(kOps, nullptr);  // warm: pages touched, caches filled
+        passes.push_back(std::make_unique<Pass>(a, w));
+        lat.emplace_back(kOps);
+    }
+    for (size_t at = 0; at < kOps; at += kChunk)
+        for (size_t i = 0; i < passes.size(); ++i) passes[i]->run(kChunk, lat[i].data() + at);
+    for (size_t i = 0; i < passes.size(); ++i) {
+        std::vector<uint32_t> &sorted = lat[i];
+        std::sort(sorted.begin(), sorted.end());
+        auto at = [&](double q) { return sorted[std::min(sorted.size() - 1, size_t(q * sorted.size()))] * g_ns_per_tick; };
+        Row &row = g_rows[key(w, kAllocators[i])];
+        row.median = at(0.5);
+        row.p99 = at(0.99);
+        row.p9999 = at(0.9999);
+        row.max = sorted.back() * g_ns_per_tick;
+        g_samples[key(w, kAllocators[i])] = std::move(sorted);
+    }
 }
 
 std::string self_dir() {
@@ -185,13 +209,13 @@ void write_plot() {
         }
     fclose(f);
 #ifdef KERM_BENCH_GNUPLOT
-    std::string script = "set terminal png size 1100,480 font ',10'\nset output '" + png +
-                         "'\nset multiplot layout 1,2\nset logscale xy\nset format y '10^{%L}'\n"
+    std::string script = "set terminal png size 1100,480 font ',10' noenhanced\nset output '" + png +
+                         "'\nset multiplot layout 1,2\nset logscale xy\nset format y '1e%L'\nset format x '%g'\n"
                          "set xlabel 'latency per operation (ns)'\nset ylabel 'share of operations slower'\n"
                          "set grid\nset key top right\n";
     int index = 0;
     for (int w = 0; w < 2; ++w) {
-        script += std::string("set title '") + kWorkloadName[w] + ", sizes 8..4096, 2^20 operations'\nplot ";
+        script += std::string("set title '") + kWorkloadName[w] + ", sizes 8..4096, 1M operations each'\nplot ";
         for (size_t i = 0; i < std::size(kAllocators); ++i, ++index)
             script += (i ? ", " : "") + std::string("'") + dat + "' index " + std::to_string(index) +
                       " with steps lw 2 title '" + kAllocators[i].name + "'";
@@ -213,7 +237,7 @@ void print_table() {
         const Row &g = g_rows[std::string(kWorkloadName[w]) + "/glibc"];
         for (const Allocator &a : kAllocators) {
             const Row &r = g_rows[key(Workload(w), a)];
-            printf("%-12s %-10s %7.0fns %7.0fns %7.0fns %8.0fns %8.1f | %16.2f %6.2f %6.2f %6.2f\n", kWorkloadName[w],
+            printf("%-12s %-10s %7.1fns %7.0fns %7.0fns %8.0fns %8.1f | %16.2f %6.2f %6.2f %6.2f\n", kWorkloadName[w],
                    a.name, r.median, r.p99, r.p9999, r.max, r.mops, r.median / g.median, r.p9999 / g.p9999,
                    r.max / g.max, r.mops / g.mops);
         }
@@ -245,8 +269,7 @@ int main(int argc, char **argv) {
     TableReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
-    for (int w = 0; w < 2; ++w)
-        for (const Allocator &a : kAllocators) measure_latency(Workload(w), a);
+    for (int w = 0; w < 2; ++w) measure_latency(Workload(w));
     print_table();
     write_plot();
     return 0;
