@@ -29,6 +29,12 @@ printf '123456789' > "$work/check.txt"
 "$kerm" crc "$work/check.txt"
 
 echo
+echo "== kerm pool: an allocation trace replayed against a 64 KiB and a 96 KiB pool"
+trace="$(dirname "$(realpath "$0")")/../examples/pool_trace.txt"
+"$kerm" pool --size 64k "$trace" || echo "(exit $?: an allocation failed)"
+"$kerm" pool --size 96k "$trace"
+
+echo
 echo "== kerm hms-monitor receives what a scripted health client (kerm hms-demo) reports"
 "$kerm" hms-monitor --port 0 --idle-exit-ms 1500 --timeout-ms 30000 > "$work/monitor.out" 2>/dev/null &
 mon=$!

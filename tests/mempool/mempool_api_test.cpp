@@ -1,0 +1,413 @@
+// The pool's entry points one by one: figures per pointer width, refusals,
+// printed diagnostics, realloc's three paths and the merging of added areas.
+#include <gtest/gtest.h>
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "kerm_mempool.h"
+#include "mempool_test_util.h"
+
+using namespace mempool_test;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+namespace {
+
+const bool kTarget = sizeof(void *) == 4;
+
+std::string fmt(const char *f, ...) __attribute__((format(printf, 1, 2)));
+std::string fmt(const char *f, ...) {
+    char buf[512];
+    va_list ap;
+    va_start(ap, f);
+    vsnprintf(buf, sizeof buf, f, ap);
+    va_end(ap);
+    return buf;
+}
+
+std::string block_line(void *user_ptr) {
+    CaptureStdout();
+    print_block(Block::of(user_ptr));
+    return GetCapturedStdout();
+}
+
+Control *ctl(void *pool) { return static_cast<Control *>(pool); }
+
+TEST(MempoolFigures, FollowThePointerWidth) {
+    EXPECT_EQ(KERM_MEMPOOL_CONTROL_SIZE, kTarget ? 3184u : 6272u);
+    EXPECT_EQ(KERM_MEMPOOL_MIN_REGION, kTarget ? 3248u : 6400u);
+    EXPECT_EQ(kSplitMin, kTarget ? 16u : 32u);
+    EXPECT_EQ(sizeof(Control::lock), 4u);
+
+    Arena a(KERM_MEMPOOL_MIN_REGION);
+    EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION, a.data()), kTarget ? 32u : 64u);
+    EXPECT_TRUE(PoolOk(a.data()));
+    std::vector<uint8_t> before(a.data(), a.data() + a.size());
+    // A second call finds the signature: the descriptor block's size, nothing rewritten.
+    EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION, a.data()), kTarget ? 8u : 16u);
+    EXPECT_EQ(0, memcmp(before.data(), a.data(), a.size()));
+
+    void *one = malloc_ex(1, a.data());
+    ASSERT_NE(one, nullptr);
+    EXPECT_EQ(Block::of(one)->bytes(), kTarget ? 8u : 16u);
+}
+
+TEST(MempoolFigures, SizeClassesAndBitHelpers) {
+    int fl, sl;
+    uintptr_t r = 200;
+    mapping_search(&r, &fl, &sl);  // 200 + 3 = 203, 203 >> 2 = 50, 50 - 32 = 18
+    EXPECT_EQ(fl, 1);
+    EXPECT_EQ(sl, 18);
+    EXPECT_EQ(r, 200u);
+    mapping_insert(104, &fl, &sl);
+    EXPECT_EQ(fl, 0);
+    EXPECT_EQ(sl, 26);
+    r = 1000;  // step 16 at 512..1023
+    mapping_search(&r, &fl, &sl);
+    EXPECT_EQ(r, 1008u);
+
+    for (int bit = 0; bit < 32; ++bit) {
+        const uint32_t x = 1u << bit;
+        EXPECT_EQ(msb(x), bit);
+        EXPECT_EQ(msb(x | (x - 1)), bit);
+        EXPECT_EQ(lsb(x | (bit < 31 ? x << 1 : 0)), bit);
+    }
+    EXPECT_EQ(msb(0), -1);
+    EXPECT_EQ(lsb(0), -1);
+
+    // Every aligned size lands in a class whose range holds it, and the search
+    // class's smallest member is never smaller than the request.
+    auto class_low = [](int f, int s) -> uintptr_t {
+        return f == 0 ? uintptr_t(s) * 4 : uintptr_t(kSlCount + s) << (f + kFlOffset - kSlLog2);
+    };
+    for (uintptr_t size = kAlign; size < (uintptr_t{1} << 22); size += size < 8192 ? kAlign : 4093 * kAlign) {
+        mapping_insert(size, &fl, &sl);
+        ASSERT_LE(class_low(fl, sl), size);
+        if (sl + 1 < kSlCount) {
+            ASSERT_GT(class_low(fl, sl + 1), size);
+        }
+        uintptr_t want = size;
+        mapping_search(&want, &fl, &sl);
+        ASSERT_GE(class_low(fl, sl), size) << size;
+        ASSERT_EQ(class_low(fl, sl), want < kSmallBlock ? class_low(fl, sl) : want) << size;
+    }
+}
+
+TEST(MempoolFigures, HundredByteBlockListAndTwoHundredSearch) {
+    Arena a(1 << 16);
+    init_memory_pool(a.size(), a.data());
+    void *left = malloc_ex(8, a.data());
+    void *hundred = malloc_ex(100, a.data());
+    void *right = malloc_ex(8, a.data());
+    ASSERT_TRUE(left && hundred && right);
+    EXPECT_EQ(Block::of(hundred)->bytes(), kTarget ? 104u : 112u);
+    free_ex(hundred, a.data());
+    EXPECT_EQ(ctl(a.data())->lists[0][kTarget ? 26 : 28], Block::of(hundred));
+    EXPECT_TRUE(PoolOk(a.data()));
+
+    // A 192-byte free block sits in a list below where malloc(200) starts
+    // searching: it is passed over for the block of the search class.
+    Arena b(1 << 16);
+    init_memory_pool(b.size(), b.data());
+    void *x = malloc_ex(192, b.data());
+    void *sep1 = malloc_ex(8, b.data());
+    void *y = malloc_ex(200, b.data());
+    void *sep2 = malloc_ex(8, b.data());
+    ASSERT_TRUE(x && sep1 && y && sep2);
+    free_ex(x, b.data());
+    free_ex(y, b.data());
+    int fl, sl;
+    mapping_insert(Block::of(y)->bytes(), &fl, &sl);
+    EXPECT_EQ(fl, 1);
+    EXPECT_EQ(sl, kTarget ? 18 : 20);
+    EXPECT_EQ(malloc_ex(200, b.data()), y);
+    EXPECT_TRUE(PoolOk(b.data()));
+}
+
+TEST(MempoolInit, RefusalsPrintTheirLineAndTouchNothing) {
+    Arena a(KERM_MEMPOOL_MIN_REGION + 64);
+    std::vector<uint8_t> before(a.data(), a.data() + a.size());
+    CaptureStdout();
+    EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION - 1, a.data()), static_cast<size_t>(-1));
+    EXPECT_EQ(GetCapturedStdout(), "init_memory_pool (): memory_pool invalid\n");
+    CaptureStdout();
+    EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION, nullptr), static_cast<size_t>(-1));
+    EXPECT_EQ(GetCapturedStdout(), "init_memory_pool (): memory_pool invalid\n");
+    CaptureStdout();
+    EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION, a.data() + 2), static_cast<size_t>(-1));
+    EXPECT_EQ(GetCapturedStdout(), "init_memory_pool (): mem_pool must be aligned to a word");
+    EXPECT_EQ(0, memcmp(before.data(), a.data(), a.size()));
+}
+
+TEST(MempoolInit, AddAreaRefusals) {
+    Arena a(1 << 14), area(256);
+    init_memory_pool(a.size(), a.data());
+    std::vector<uint8_t> before(a.data(), a.data() + a.size());
+    EXPECT_EQ(add_new_area(nullptr, 256, a.data()), 0u);
+    EXPECT_EQ(add_new_area(area.data(), 256, nullptr), 0u);
+    EXPECT_EQ(add_new_area(area.data() + 2, 250, a.data()), 0u);
+    EXPECT_EQ(add_new_area(area.data(), kRegionOverhead + kMinBlock - 1, a.data()), 0u);
+    EXPECT_EQ(0, memcmp(before.data(), a.data(), a.size()));
+    // The smallest area holds exactly one minimum block.
+    EXPECT_EQ(add_new_area(area.data(), kRegionOverhead + kMinBlock, a.data()), kMinBlock);
+    EXPECT_EQ(stats_of(a.data()).regions, 2u);
+}
+
+TEST(MempoolAlloc, BadRequestsChangeNothing) {
+    Arena a(1 << 15);
+    init_memory_pool(a.size(), a.data());
+    std::vector<void *> keep;
+    for (int i = 0; i < 20; ++i) keep.push_back(malloc_ex(64 + 40 * i, a.data()));
+    for (int i = 0; i < 20; i += 2) free_ex(keep[i], a.data());
+    std::vector<uint8_t> before(a.data(), a.data() + a.size());
+    const size_t largest = stats_of(a.data()).largest_free;
+    EXPECT_EQ(malloc_ex(largest + 1, a.data()), nullptr);
+    EXPECT_EQ(malloc_ex(SIZE_MAX, a.data()), nullptr);
+    EXPECT_EQ(malloc_ex(kMaxBlock + 1, a.data()), nullptr);
+    EXPECT_EQ(calloc_ex(0, 16, a.data()), nullptr);
+    EXPECT_EQ(calloc_ex(16, 0, a.data()), nullptr);
+    EXPECT_EQ(realloc_ex(nullptr, 0, a.data()), nullptr);
+    EXPECT_EQ(realloc_ex(keep[1], SIZE_MAX, a.data()), nullptr);
+    EXPECT_EQ(realloc_ex(keep[1], largest * 2, a.data()), nullptr);
+    free_ex(nullptr, a.data());
+    EXPECT_EQ(malloc_ex(8, nullptr), nullptr);
+    EXPECT_EQ(0, memcmp(before.data(), a.data(), a.size()));
+    EXPECT_EQ(get_used_size(a.data()), 0u);
+    EXPECT_EQ(get_max_size(a.data()), 0u);
+}
+
+TEST(MempoolAlloc, FreeingNeighboursLeavesOneBlock) {
+    Arena a(1 << 14);
+    const size_t big = init_memory_pool(a.size(), a.data());
+    void *p[4];
+    for (auto &q : p) q = malloc_ex(48, a.data());
+    free_ex(p[1], a.data());
+    free_ex(p[2], a.data());  // merges with p[1]
+    PoolStats st = stats_of(a.data());
+    EXPECT_EQ(st.free_blocks, 2u);  // p[1]+p[2], and the tail
+    free_ex(p[0], a.data());
+    free_ex(p[3], a.data());  // joins everything
+    st = stats_of(a.data());
+    EXPECT_EQ(st.free_blocks, 1u);
+    EXPECT_EQ(st.largest_free, big);
+}
+
+TEST(MempoolAlloc, SplitsOnlyWhenAHeaderAndAMinimumBlockRemain) {
+    Arena a(1 << 14);
+    init_memory_pool(a.size(), a.data());
+    void *hole = malloc_ex(64, a.data());
+    void *guard = malloc_ex(8, a.data());
+    free_ex(hole, a.data());
+    void *p = malloc_ex(64 - kSplitMin, a.data());
+    ASSERT_EQ(p, hole);
+    EXPECT_EQ(Block::of(p)->bytes(), 64 - kSplitMin);
+    EXPECT_EQ(Block::of(p)->next()->bytes(), kMinBlock);
+    EXPECT_TRUE(Block::of(guard)->prev_free());
+    free_ex(p, a.data());
+    p = malloc_ex(64 - kSplitMin + kAlign, a.data());
+    ASSERT_EQ(p, hole);
+    EXPECT_EQ(Block::of(p)->bytes(), 64u);
+    EXPECT_FALSE(Block::of(guard)->prev_free());
+    EXPECT_TRUE(PoolOk(a.data()));
+}
+
+TEST(MempoolAlloc, CallocZeroes) {
+    Arena a(1 << 14);
+    init_memory_pool(a.size(), a.data());
+    void *dirty = malloc_ex(300, a.data());
+    memset(dirty, 0xEE, 300);
+    free_ex(dirty, a.data());
+    auto *z = static_cast<uint8_t *>(calloc_ex(30, 10, a.data()));
+    ASSERT_EQ(static_cast<void *>(z), dirty);
+    for (int i = 0; i < 300; ++i) ASSERT_EQ(z[i], 0) << i;
+}
+
+TEST(MempoolRealloc, ShrinkGrowInPlaceAndMove) {
+    Arena a(1 << 14);
+    init_memory_pool(a.size(), a.data());
+    auto *p = static_cast<uint8_t *>(malloc_ex(256, a.data()));
+    void *guard = malloc_ex(8, a.data());
+    for (int i = 0; i < 256; ++i) p[i] = static_cast<uint8_t>(i);
+
+    // Shrink: same pointer, the tail becomes a free block before the guard.
+    EXPECT_EQ(realloc_ex(p, 100, a.data()), p);
+    const uintptr_t kept = (100 + kAlign - 1) & ~(kAlign - 1);
+    EXPECT_EQ(Block::of(p)->bytes(), kept);
+    EXPECT_TRUE(Block::of(p)->next()->is_free());
+    EXPECT_TRUE(PoolOk(a.data()));
+
+    // Grow into the free successor, header included: exactly fills it.
+    const uintptr_t whole = 256;
+    EXPECT_EQ(realloc_ex(p, whole, a.data()), p);
+    EXPECT_EQ(Block::of(p)->bytes(), whole);
+    EXPECT_EQ(Block::of(p)->next(), Block::of(guard));
+    EXPECT_FALSE(Block::of(guard)->prev_free());
+    EXPECT_TRUE(PoolOk(a.data()));
+
+    // Same size with a free successor: it is taken in and split off again.
+    void *q = malloc_ex(64, a.data());
+    void *guard2 = malloc_ex(8, a.data());
+    free_ex(guard, a.data());
+    EXPECT_EQ(realloc_ex(p, 256, a.data()), p);
+    EXPECT_TRUE(PoolOk(a.data()));
+
+    // No room behind: the data moves, the old block is freed.
+    void *moved = realloc_ex(q, 4000, a.data());
+    ASSERT_NE(moved, nullptr);
+    EXPECT_NE(moved, q);
+    EXPECT_TRUE(Block::of(q)->is_free());
+    for (int i = 0; i < 100; ++i) ASSERT_EQ(p[i], i);
+    EXPECT_TRUE(PoolOk(a.data()));
+
+    // Size 0 frees.
+    EXPECT_EQ(realloc_ex(guard2, 0, a.data()), nullptr);
+    EXPECT_TRUE(Block::of(guard2)->is_free() || Block::of(guard2)->prev_free());
+    EXPECT_TRUE(PoolOk(a.data()));
+}
+
+TEST(MempoolRealloc, GrowCountsTheAbsorbedHeader) {
+    Arena a(1 << 14);
+    init_memory_pool(a.size(), a.data());
+    void *p = malloc_ex(64, a.data());
+    void *n = malloc_ex(64, a.data());
+    void *guard = malloc_ex(8, a.data());
+    free_ex(n, a.data());
+    // 64 + 64 + one header fits exactly where p and n were.
+    EXPECT_EQ(realloc_ex(p, 128 + kHdr, a.data()), p);
+    EXPECT_EQ(Block::of(p)->next(), Block::of(guard));
+    EXPECT_TRUE(PoolOk(a.data()));
+}
+
+// A request the search class lets out of a free block of `bytes`, leaving a free tail.
+size_t leaving_a_tail(size_t bytes) {
+    const uintptr_t step = uintptr_t{1} << (msb(static_cast<uint32_t>(bytes)) - kSlLog2);
+    return (bytes & ~(step - 1)) - step;
+}
+
+TEST(MempoolRegions, AddedAreasMergeAtEitherEnd) {
+    const size_t first = 16384, piece = 4096;
+    Arena a(first + 8 * piece);
+    uint8_t *base = a.data();
+    const size_t big = init_memory_pool(first, base);
+    void *pool = base;
+    void *tail_user = malloc_ex(leaving_a_tail(big), pool);  // leaves the region's last block free
+    ASSERT_NE(tail_user, nullptr);
+
+    // Right behind the first region: its sentinel and the new descriptor become free space.
+    const size_t free_tail = stats_of(pool).largest_free;
+    EXPECT_EQ(add_new_area(base + first, piece, pool), free_tail + piece);
+    PoolStats st = stats_of(pool);
+    EXPECT_EQ(st.regions, 1u);
+    EXPECT_EQ(st.largest_free, free_tail + piece);
+
+    // A separate area, then one that ends where it begins.
+    uint8_t *far = base + first + 4 * piece;
+    EXPECT_EQ(add_new_area(far, piece, pool), piece - kRegionOverhead);
+    EXPECT_EQ(stats_of(pool).regions, 2u);
+    EXPECT_EQ(add_new_area(far - piece, piece, pool), 2 * piece - kRegionOverhead);
+    st = stats_of(pool);
+    EXPECT_EQ(st.regions, 2u);
+
+    // The gap between the two regions closes: one region again.
+    void *in_far = malloc_ex(leaving_a_tail(2 * piece - kRegionOverhead), pool);
+    ASSERT_NE(in_far, nullptr);
+    EXPECT_GE(add_new_area(base + first + piece, 2 * piece, pool), 2 * piece);
+    st = stats_of(pool);
+    EXPECT_EQ(st.regions, 1u);
+    EXPECT_EQ(st.used_blocks, 2u);
+    free_ex(tail_user, pool);
+    free_ex(in_far, pool);
+    st = stats_of(pool);
+    EXPECT_EQ(st.free_blocks, 1u);
+    // Everything behind the control record is one block but for the region's three headers.
+    EXPECT_EQ(st.largest_free, first - kReserved + 5 * piece - kRegionOverhead);
+}
+
+TEST(MempoolDiagnostics, ExactLines) {
+    Arena a(1 << 13);
+    void *pool = a.data();
+    init_memory_pool(a.size(), pool);
+    void *used = malloc_ex(24, pool);
+    void *freed = malloc_ex(40, pool);
+    void *after = malloc_ex(16, pool);
+    free_ex(freed, pool);
+    Block *fb = Block::of(freed);
+    Block *ub = Block::of(used);
+    Block *ab = Block::of(after);
+
+    EXPECT_EQ(block_line(used), fmt(">> [%p] (%lu bytes, used, prev used)\n", (void *)ub, (unsigned long)ub->bytes()));
+    EXPECT_EQ(block_line(freed), fmt(">> [%p] (%lu bytes, free [%p, %p], prev used)\n", (void *)fb,
+                                     (unsigned long)fb->bytes(), (void *)nullptr, (void *)nullptr));
+    EXPECT_EQ(block_line(after), fmt(">> [%p] (%lu bytes, used, prev. free [%p])\n", (void *)ab,
+                                     (unsigned long)ab->bytes(), (void *)fb));
+    CaptureStdout();
+    print_block(nullptr);
+    EXPECT_EQ(GetCapturedStdout(), "");
+
+    Block *tail = ab->next();
+    Block *sentinel = tail->next();
+    int f1, s1, f2, s2;
+    mapping_insert(fb->bytes(), &f1, &s1);
+    mapping_insert(tail->bytes(), &f2, &s2);
+    ASSERT_LT(f1, f2);
+    std::string want = fmt("\nTLSF at %p\nFL bitmap: 0x%x\n\n", pool, (1u << f1) | (1u << f2));
+    want += fmt("SL bitmap 0x%x\n-> [%d][%d]\n", 1u << s1, f1, s1) + block_line(freed);
+    want += fmt("SL bitmap 0x%x\n-> [%d][%d]\n", 1u << s2, f2, s2);
+    want += fmt(">> [%p] (%lu bytes, free [%p, %p], prev used)\n", (void *)tail, (unsigned long)tail->bytes(),
+                (void *)nullptr, (void *)nullptr);
+    CaptureStdout();
+    print_tlsf(pool);
+    EXPECT_EQ(GetCapturedStdout(), want);
+
+    Block *desc = reinterpret_cast<Block *>(a.data() + kReserved);
+    std::string all = fmt("\nTLSF at %p\nALL BLOCKS\n\n", pool);
+    all += fmt(">> [%p] (%lu bytes, used, prev used)\n", (void *)desc, (unsigned long)kMinBlock);
+    for (Block *b = ub; b != sentinel; b = b->next()) all += block_line(b->buffer());
+    all += fmt(">> [%p] (sentinel, used, prev. free [%p])\n", (void *)sentinel, (void *)tail);
+    CaptureStdout();
+    print_all_blocks(pool);
+    EXPECT_EQ(GetCapturedStdout(), all);
+}
+
+TEST(MempoolDiagnostics, DumpRunsToTheWordAfterTheEnd) {
+    alignas(16) uint8_t bytes[32];
+    for (int i = 0; i < 32; ++i) bytes[i] = static_cast<uint8_t>(i);
+    const auto at = reinterpret_cast<unsigned long>(bytes);
+    CaptureStdout();
+    dump_memory_region(bytes + 1, 17);  // from bytes[0] up to bytes[20]
+    EXPECT_EQ(GetCapturedStdout(), fmt("\nMemory region dumped: 0x%lx - 0x%lx\n\n0x%lx "
+                                       "0001 0203 0405 0607 0809 0a0b 0c0d 0e0f \n0x%lx 1011 1213 \n\n",
+                                       at, at + 20, at, at + 16));
+}
+
+TEST(MempoolDefault, LockedEntryPointsUseTheLastInitialisedPool) {
+    Arena a(1 << 14), b(1 << 14);
+    init_memory_pool(a.size(), a.data());
+    init_memory_pool(b.size(), b.data());
+    auto *p = static_cast<uint8_t *>(tlsf_calloc(4, 8));
+    ASSERT_NE(p, nullptr);
+    EXPECT_TRUE(p > b.data() && p < b.data() + b.size());
+    for (int i = 0; i < 32; ++i) EXPECT_EQ(p[i], 0);
+    p = static_cast<uint8_t *>(tlsf_realloc(p, 64));
+    void *q = tlsf_malloc(10);
+    EXPECT_TRUE(PoolOk(b.data()));
+    tlsf_free(p);
+    tlsf_free(q);
+    tlsf_free(nullptr);
+    EXPECT_EQ(stats_of(b.data()).free_blocks, 1u);
+    EXPECT_EQ(ctl(b.data())->lock, 0u);
+
+    // Destroyed: the signature is gone, the default pointer stays.
+    destroy_memory_pool(b.data());
+    EXPECT_EQ(ctl(b.data())->signature, 0u);
+    void *still = tlsf_malloc(10);
+    EXPECT_TRUE(still > b.data() && still < b.data() + b.size());
+    // init on the destroyed region lays it out afresh.
+    EXPECT_EQ(init_memory_pool(b.size(), b.data()), b.size() - kReserved - kRegionOverhead);
+    EXPECT_EQ(stats_of(b.data()).used_blocks, 0u);
+}
+
+}  // namespace
