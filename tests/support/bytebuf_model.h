@@ -383,7 +383,7 @@ struct FbufHarness {
             case 0: {  // add_binary, bad counts included
                 int32_t n = static_cast<int32_t>(s.below(40)) - 1;
                 fill(static_cast<uint32_t>(std::max(n, 0)));
-                int32_t want = n < 1 ? -1 : 0;
+                int32_t want = -1;
                 growing(k, [&] {
                     if (n >= 1 && m.extend(m.used() + uint64_t(n)) != 0) m.text.append(text, static_cast<size_t>(n)), want = n;
                     expect(util_fbuf_add_binary(b, reinterpret_cast<uint8_t *>(text), n) == want, "add_binary result");
