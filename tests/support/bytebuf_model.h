@@ -329,7 +329,9 @@ struct FbufHarness {
             util_fbuf_minlen(buf[k], minlen);
             util_fbuf_fastgrowsize(buf[k], fast);
             util_fbuf_slowgrowsize(buf[k], slow);
-            model[k].maxlen = maxlen, model[k].minlen = minlen, model[k].fast = fast, model[k].slow = slow;
+            // Zero arguments leave the defaults: take what the record holds.
+            model[k].maxlen = maxlen, model[k].minlen = buf[k]->minlen;
+            model[k].fast = buf[k]->fastgrowsize, model[k].slow = buf[k]->slowgrowsize;
         }
     }
     ~FbufHarness() {
@@ -495,6 +497,7 @@ struct FbufHarness {
             }
             case 10: {  // concat (possibly onto itself) or copy from the other buffer
                 int o = static_cast<int>(s.u8() & 1);
+                if (m.used() + model[o].used() > 4096) break;  // self-concat doubles: keep sizes small
                 if (s.u8() & 1) {
                     std::string add = model[o].text;
                     growing(k, [&] {
