@@ -112,13 +112,13 @@ BENCHMARK(BM_fbuf_printf);
 BENCHMARK(BM_fmt_memory_buffer);
 BENCHMARK(BM_string_snprintf);
 
-// Prints the ratios of the paired benchmarks after the run.
+// Prints the ratios of the paired benchmarks (CPU time) after the run.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run> &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const auto &r : runs)
-            if (r.run_type == Run::RT_Iteration) g_ns[r.benchmark_name()] = r.GetAdjustedRealTime();
+            if (r.run_type == Run::RT_Iteration) g_ns[r.benchmark_name()] = r.GetAdjustedCPUTime();  // CPU time: CI hosts are shared
     }
     void Finalize() override {
         ConsoleReporter::Finalize();
