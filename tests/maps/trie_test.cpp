@@ -161,7 +161,7 @@ TEST(Trie, EmptyKeyAndBadInput) {
 }
 
 TEST(Trie, LongKeysTearDownWithoutDeepRecursion) {
-    const int len = steps(20000);
+    const int len = steps(8000);
     std::string key(size_t(len), 'x');
     util_trie *t = util_trie_create(nullptr);
     EXPECT_EQ(util_trie_insert(t, key.c_str(), val(1), 0, 0), len);
