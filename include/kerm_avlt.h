@@ -61,6 +61,15 @@ KERM_API int32_t util_avlt_add(util_avlt *tree, const void *key, uint32_t len, v
 KERM_API int32_t util_avlt_remove(util_avlt *tree, const void *key, uint32_t len, void **out_value) KERM_NOEXCEPT;
 
 /**
+ * @brief Looks a key up by the same descent as util_avlt_remove.
+ * @param value_out receives the value when found; may be null
+ * @return 0 when an equal key is met on the descent from the root, else -1
+ *         (also for a null tree); after shortcut insertions a stored key can
+ *         lie off that descent and is then not found
+ */
+KERM_API int32_t util_avlt_find(util_avlt *tree, const void *key, uint32_t len, void **value_out) KERM_NOEXCEPT;
+
+/**
  * @brief Breadth-first walk: level by level, left to right.
  *
  * Nodes are visited in the order of the tree as it stood when the walk began.

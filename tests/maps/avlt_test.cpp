@@ -231,11 +231,15 @@ void run_random(uint32_t seed, int32_t key_range, int n) {
                 ASSERT_TRUE(present) << "refused " << k << " with no equal key stored";
             }
         } else {
-            void *out = nullptr;
+            void *out = nullptr, *found = nullptr;
             bool with_out = op == 9;
+            bool findable = util_avlt_find(t, &k, 4, &found) == 0;
             ASSERT_EQ(util_avlt_remove(t, &k, 4, with_out ? &out : nullptr), 0);
             Entries after = in_order(t);
-            ASSERT_LE(before.size() - after.size(), 1u);
+            ASSERT_EQ(before.size() - after.size(), findable ? 1u : 0u);  // both descend alike
+            if (with_out) {
+                ASSERT_EQ(out, findable ? found : nullptr);
+            }
             if (present && ascending(before)) {
                 ASSERT_EQ(after.size() + 1, before.size()) << "missed " << k;
             }
@@ -280,13 +284,19 @@ TEST(Avlt, BadInput) {
     EXPECT_EQ(util_avlt_create(nullptr, nullptr), nullptr);
     EXPECT_EQ(util_avlt_add(nullptr, "a", 1, nullptr), -1);
     EXPECT_EQ(util_avlt_remove(nullptr, "a", 1, nullptr), 0);
+    EXPECT_EQ(util_avlt_find(nullptr, "a", 1, nullptr), -1);
     EXPECT_EQ(util_avlt_walk(nullptr, visit, nullptr), 0);
     EXPECT_EQ(util_avlt_walk_sorted(nullptr, visit, nullptr), 0);
     util_avlt_destroy(nullptr);
     util_avlt *t = util_avlt_create(lex_cmp, nullptr);
     EXPECT_EQ(util_avlt_add(t, nullptr, 4, nullptr), -1);
     EXPECT_EQ(util_avlt_remove(t, "a", 1, nullptr), 0);  // empty tree
-    EXPECT_EQ(util_avlt_add(t, "a", 1, nullptr), 0);
+    EXPECT_EQ(util_avlt_find(t, "a", 1, nullptr), -1);
+    EXPECT_EQ(util_avlt_add(t, "a", 1, val(7)), 0);
+    void *v = nullptr;
+    EXPECT_EQ(util_avlt_find(t, "a", 1, &v), 0);
+    EXPECT_EQ(v, val(7));
+    EXPECT_EQ(util_avlt_find(t, "b", 1, &v), -1);
     EXPECT_EQ(util_avlt_walk(t, nullptr, nullptr), 0);
     util_avlt_destroy(t);
 }

@@ -33,7 +33,7 @@ TEST_P(SkiplistModel, AgreesWithStdMap) {
     ASSERT_NE(l, nullptr);
     std::map<std::string, uintptr_t, LexLess> model;
     size_t expect_released = 0;
-    for (int step = 1, n = steps(20000); step <= n; ++step) {
+    for (int step = 1, n = steps(12000); step <= n; ++step) {
         std::string k = small_key(rng);
         uintptr_t v = uintptr_t(step);
         int op = std::uniform_int_distribution<int>(0, 9)(rng);

@@ -170,6 +170,17 @@ int32_t add(util_avlt *t, const void *key, uint32_t len, void *value) noexcept {
     }
 }
 
+// The first node met from the root whose key compares equal.
+Node *descend(const util_avlt *t, const void *key, uint32_t len) noexcept {
+    Node *n = t->root;
+    while (n) {
+        int32_t c = cmp_nodes(t, n, key, len);
+        if (c == 0) return n;
+        n = c > 0 ? n->left : n->right;
+    }
+    return nullptr;
+}
+
 // Unlinks `f` and releases it; its value goes to `out`, or to free_value
 // when `use_free` is set.
 void remove_node(util_avlt *t, Node *f, void **out, bool use_free) noexcept {
@@ -261,15 +272,15 @@ int32_t util_avlt_add(util_avlt *tree, const void *key, uint32_t len, void *valu
 
 int32_t util_avlt_remove(util_avlt *tree, const void *key, uint32_t len, void **out_value) noexcept {
     if (!tree || (!key && len)) return 0;
-    Node *n = tree->root;
-    while (n) {
-        int32_t c = cmp_nodes(tree, n, key, len);
-        if (c == 0) {
-            remove_node(tree, n, out_value, true);
-            break;
-        }
-        n = c > 0 ? n->left : n->right;
-    }
+    if (Node *n = descend(tree, key, len)) remove_node(tree, n, out_value, true);
+    return 0;
+}
+
+int32_t util_avlt_find(util_avlt *tree, const void *key, uint32_t len, void **value_out) noexcept {
+    if (!tree || (!key && len)) return -1;
+    Node *n = descend(tree, key, len);
+    if (!n) return -1;
+    if (value_out) *value_out = n->value;
     return 0;
 }
 
