@@ -160,7 +160,10 @@ public:
     void ReportRuns(const std::vector<Run> &runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const auto &r : runs)
-            if (r.run_type == Run::RT_Iteration) g_ms[r.benchmark_name()] = r.GetAdjustedCPUTime();
+            if (r.run_type == Run::RT_Iteration) {
+                std::string name = r.benchmark_name();
+                g_ms[name.substr(0, name.find("/min_time"))] = r.GetAdjustedCPUTime();
+            }
     }
     void Finalize() override {
         ConsoleReporter::Finalize();

@@ -30,7 +30,8 @@ typedef int32_t (*util_avlt_cmp_fn)(const void *key_a, uint32_t len_a, const voi
 /** Releases a value the tree drops. */
 typedef void (*util_avlt_free_fn)(void *value);
 /** Walk callback: 0 stop, -1 remove the entry and go on, -2 remove it and stop, anything else go on.
- *  A removed entry's value is not passed to free_value. It must not add or remove entries itself. */
+ *  A removed entry's value is not passed to free_value. It may look entries up but must not add,
+ *  remove or walk the same tree itself. */
 typedef int32_t (*util_avlt_walk_fn)(util_avlt *tree, const void *key, uint32_t len, void *value, void *arg);
 
 /**

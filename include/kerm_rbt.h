@@ -29,7 +29,8 @@ typedef int32_t (*util_rbt_cmp_fn)(const void *key_a, uint32_t len_a, const void
 /** Releases a value the tree drops. */
 typedef void (*util_rbt_free_fn)(void *value);
 /** Walk callback: 1 continue, 0 stop, -1 remove the entry (value to free_value) and continue,
- *  -2 remove it and stop; other results continue. It must not add or remove entries itself. */
+ *  -2 remove it and stop; other results continue. It may look entries up but must not add,
+ *  remove or walk the same tree itself. */
 typedef int32_t (*util_rbt_walk_fn)(util_rbt *tree, const void *key, uint32_t key_len, void *value, void *arg);
 
 /**
