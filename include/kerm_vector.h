@@ -13,7 +13,8 @@
  *
  * Index arguments are NOT checked by the element accessors
  * (util_vector_get_element, util_vector_get_element_lockfree): an index at or
- * beyond the length reads past the array. Check util_vector_length first.
+ * beyond the length reads past the array, and the vector must not be null.
+ * Check util_vector_length first.
  */
 #ifndef KERM_VECTOR_H
 #define KERM_VECTOR_H

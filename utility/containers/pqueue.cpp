@@ -30,8 +30,9 @@ void discard(PQueue *pq, PQueueItem *item) noexcept {
     free(item);
 }
 
-// Caller holds the lock. The lowest entries are found by the heap's
-// approximate opposite-extreme search.
+// Caller holds the lock. Deliberate: the lowest entries are found by the
+// heap's approximate opposite-extreme search; callers size the queue so that
+// evicting "a low entry" is good enough.
 void evict(PQueue *pq, uint32_t n) noexcept {
     PQueueItem *item;
     while (n-- > 0 && take_item(pq, false, &item) == 0) discard(pq, item);

@@ -79,7 +79,8 @@ int32_t util_statemachine_poll(util_statemachine_t *machine, void *arg) noexcept
     util_vector *v = machine->states;
     {
         kerm::MutexGuard g(&v->lock);
-        // The current state is an index; past the table's end there is no handler to run.
+        // Deliberate: the current state is an index into the table, not an id;
+        // callers add ids 0, 1, 2, ... in order. Past the end there is no handler.
         if (machine->current < v->count) {
             auto *e = static_cast<const StateEntry *>(util_vector_get_element_lockfree(v, machine->current));
             if (e != nullptr) {
