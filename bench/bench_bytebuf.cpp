@@ -7,18 +7,17 @@
 #include <string.h>
 
 #include <boost/circular_buffer.hpp>
-#include <map>
 #include <string>
 #include <vector>
 
 #include "kerm_fbuf.h"
 #include "kerm_rbuf.h"
+#include "bench_ratio.h"
 
 namespace {
 
 // Not a multiple of any chunk size, so copies regularly split at the wrap.
 constexpr int32_t kRing = 64 * 1024 - 1000;
-std::map<std::string, double> g_ns;
 
 void BM_memcpy(benchmark::State &st) {
     const size_t n = static_cast<size_t>(st.range(0));
@@ -112,42 +111,26 @@ BENCHMARK(BM_fbuf_printf);
 BENCHMARK(BM_fmt_memory_buffer);
 BENCHMARK(BM_string_snprintf);
 
-// Prints the ratios of the paired benchmarks (CPU time) after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto &r : runs)
-            if (r.run_type == Run::RT_Iteration) g_ns[r.benchmark_name()] = r.GetAdjustedCPUTime();  // CPU time: CI hosts are shared
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        // Bandwidth ratio: the peer's time over ours (above 1: we are faster).
-        auto bw = [](const std::string &ours, const std::string &peer, const char *what) {
-            if (g_ns.count(ours) && g_ns.count(peer) && g_ns[ours] > 0)
-                printf("ratio %-40s kerm bandwidth / peer = %.2f\n", what, g_ns[peer] / g_ns[ours]);
-        };
-        for (const char *n : {"64", "1024", "16384"}) {
-            std::string sz(n);
-            bw("BM_rbuf/" + sz, "BM_memcpy/" + sz, ("ring vs memcpy, chunk " + sz).c_str());
-            bw("BM_rbuf/" + sz, "BM_boost_circular/" + sz, ("ring vs boost circular_buffer, chunk " + sz).c_str());
+// Bandwidth ratios are the peer's time over ours (above 1: we are faster);
+// time ratios are ours over the peer's. CPU time: CI hosts are shared.
+void print_ratios(const kerm_bench::Times &ns) {
+    auto has = [&ns](const std::string &a, const std::string &b) {
+        return ns.count(a) && ns.count(b) && ns.at(a) > 0 && ns.at(b) > 0;
+    };
+    for (std::string sz : {"64", "1024", "16384"}) {
+        for (const char *peer : {"BM_memcpy/", "BM_boost_circular/"}) {
+            std::string ours = "BM_rbuf/" + sz, theirs = peer + sz;
+            if (has(ours, theirs))
+                printf("ratio ring vs %-15.*s chunk %-5s kerm bandwidth / peer = %.2f\n",
+                       static_cast<int>(strlen(peer) - 4), peer + 3, sz.c_str(), ns.at(theirs) / ns.at(ours));
         }
-        auto t = [](const char *ours, const char *peer, const char *what) {
-            if (g_ns.count(ours) && g_ns.count(peer) && g_ns[peer] > 0)
-                printf("ratio %-40s kerm/peer time = %.2f (%.1f ns vs %.1f ns per line)\n", what,
-                       g_ns[ours] / g_ns[peer], g_ns[ours], g_ns[peer]);
-        };
-        t("BM_fbuf_printf", "BM_fmt_memory_buffer", "fbuf printf vs fmt::format_to");
-        t("BM_fbuf_printf", "BM_string_snprintf", "fbuf printf vs string+snprintf");
     }
-};
+    for (const char *peer : {"BM_fmt_memory_buffer", "BM_string_snprintf"})
+        if (has("BM_fbuf_printf", peer))
+            printf("ratio fbuf printf vs %-21s kerm/peer time = %.2f (%.1f ns vs %.1f ns per line)\n", peer + 3,
+                   ns.at("BM_fbuf_printf") / ns.at(peer), ns.at("BM_fbuf_printf"), ns.at(peer));
+}
 
 }  // namespace
 
-int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
-}
+int main(int argc, char **argv) { return kerm_bench::run_with_ratios(argc, argv, print_ratios, true); }

@@ -20,6 +20,7 @@
  *   - util_fbuf_maxlen(b, 0) on a buffer with a block cuts it to empty
  *     content in a 1-byte block, though maxlen 0 means unbounded for growth;
  *   - util_fbuf_concat appends the source's terminator as content;
+ *   - util_fbuf_attach keeps the given `len` when it enlarges the block;
  *   - util_fbuf_read_ln checks for a line end before it reads.
  */
 #ifndef KERM_FBUF_H
@@ -187,8 +188,9 @@ KERM_API int32_t util_fbuf_rtrim(util_fbuf_t *buf) KERM_NOEXCEPT;
 
 /** @brief Replaces the block with the caller's malloc'ed block of len bytes
  * holding used content bytes; a 0 is written at block[used] (the block is
- * first reallocated to used + 1 bytes when used >= len, while `len` keeps the
- * given value). The buffer owns the block afterwards.
+ * first reallocated to used + 1 bytes when used >= len). The buffer owns the
+ * block afterwards.
+ * Deliberate: `len` keeps the given value even when the block was enlarged.
  * @return the previous `used`; 0 when the reallocation fails (the buffer is
  * then empty and the block still the caller's) or for negative sizes. */
 KERM_API uint32_t util_fbuf_attach(util_fbuf_t *buf, uint8_t *block, int32_t len, int32_t used) KERM_NOEXCEPT;

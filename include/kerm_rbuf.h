@@ -11,6 +11,7 @@
  * operation accepts that position.
  *
  * Quirks that callers rely on (each marked in the function's comment):
+ *   - an overwriting write larger than the ring reports the whole count;
  *   - util_rbuf_find also looks at the byte at `tail`, one past the data;
  *   - util_rbuf_read_until's first stretch runs to the end of the block;
  *   - util_rbuf_move / util_rbuf_copy set the destination's count, they do
@@ -69,9 +70,9 @@ KERM_API void util_rbuf_set_mode(util_rbuf_t *ring, uint32_t mode) KERM_NOEXCEPT
 
 /** @brief Appends n bytes at the tail.
  *
- * Mode 0 takes what fits. Mode 1 drops the oldest bytes to make room; a write
- * larger than the ring keeps only its last `size` bytes, with head = tail = 0,
- * and still reports the whole n.
+ * Mode 0 takes what fits. Mode 1 drops the oldest bytes to make room.
+ * Deliberate: in mode 1 a write larger than the ring keeps only its last
+ * `size` bytes (head = tail = 0) and still reports the whole n.
  * @return bytes accepted (n in mode 1); 0 for a NULL ring or src, or n = 0. */
 KERM_API uint32_t util_rbuf_write(util_rbuf_t *ring, const uint8_t *src, uint32_t n) KERM_NOEXCEPT;
 

@@ -81,8 +81,9 @@ uint32_t extend(util_fbuf_t *b, uint64_t n) noexcept {
         if (!p) return 0;
         move_bytes(p, content(b), b->used);
         p[b->used] = 0;
-        // Deliberate: the old block is not released on this path; callers
-        // that grow after removing from the front have always lived with it.
+        // Deliberate: the old block is not released on this path, so a
+        // pointer a caller took from the buffer before this growth still
+        // reads valid (old) memory.
         b->data = p;
         b->offset = 0;
     }

@@ -88,6 +88,8 @@ uint32_t util_rbuf_write(util_rbuf_t *ring, const uint8_t *src, uint32_t n) noex
     uint32_t m = std::min(size - static_cast<uint32_t>(ring->used), n);
     if (m < n && ring->mode == UTIL_RBUF_MODE_OVERWRITE) {
         if (n > size) {
+            // Deliberate: the whole count is reported although only the last
+            // `size` bytes are kept; streaming writers count what they sent.
             ring->head = ring->tail = 0;
             memcpy(ring->data, src + (n - size), size);
             ring->used = ring->size;
