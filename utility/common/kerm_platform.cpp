@@ -29,6 +29,10 @@ void recursive_mutex_init_or_abort(pthread_mutex_t *m) noexcept {
     pthread_mutexattr_destroy(&attr);
 }
 
+void mutex_init_or_abort(pthread_mutex_t *m) noexcept {
+    if (pthread_mutex_init(m, nullptr) != 0) abort();
+}
+
 int sem_wait_nointr(sem_t *s) noexcept {
     int rc;
     do {
