@@ -62,10 +62,9 @@ typedef int (*util_ht_value_callback_t)(util_ht_t *table, void *value, uint32_t 
 /** A table. Allocate with util_ht_create(), or embed one and call util_ht_init().
  *  The fields are the table's own: read them only through the functions. */
 struct util_ht_s {
+    /* read on every call */
     uint32_t size;     /**< bucket slots (atomic) */
     uint32_t max_size; /**< 0: no limit */
-    uint32_t count;    /**< items (atomic) */
-    uint32_t state;    /**< state word (compare-and-swap only) */
     uint32_t seed;
     util_ht_bucket_t **slots;
     util_ht_free_item_callback_t free_item_cb;
@@ -73,6 +72,12 @@ struct util_ht_s {
     util_ht_bucket_t **live_tail;
     pthread_mutex_t lock;       /**< walks, clearing and growth */
     pthread_mutex_t live_lock;  /**< appends to the live-bucket chain against running walks */
+    /* written on every call: each on a cache line of its own */
+    uint8_t pad_state[64];
+    uint32_t state; /**< state word (compare-and-swap only) */
+    uint8_t pad_count[64];
+    uint32_t count; /**< items (atomic) */
+    uint8_t pad_end[64];
 };
 
 /** Element of util_ht_get_all_keys(): a copy of the key. */

@@ -5,6 +5,8 @@
 #include <stdint.h>
 #include <stdlib.h>
 
+#include "support/emulator.h"
+
 #include <string>
 
 #include "kerm_ht.h"
@@ -37,10 +39,7 @@ inline uint32_t oaat(uint32_t seed, const std::string &k) {
     return h;
 }
 
-inline int scaled(int n) {
-    const char *emu = getenv("KERM_TEST_EMULATOR");
-    return emu != nullptr && emu[0] != '\0' ? n / 4 : n;
-}
+using kerm_test::scaled;
 
 }  // namespace httest
 

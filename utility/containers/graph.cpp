@@ -58,13 +58,6 @@ void release_node(void *p) {
     abort();
 }
 
-char *copy_text(const char *s) {
-    size_t n = strlen(s) + 1;
-    auto *c = static_cast<char *>(malloc(n));
-    if (c != nullptr) memcpy(c, s, n);
-    return c;
-}
-
 }  // namespace
 
 extern "C" {
@@ -72,7 +65,7 @@ extern "C" {
 util_graph_t *util_graph_create(const char *label, util_graph_free_value_t free_value) noexcept {
     auto *g = static_cast<util_graph_t *>(calloc(1, sizeof(util_graph_t)));
     if (g == nullptr) return nullptr;
-    if (label != nullptr && (g->label = copy_text(label)) == nullptr) {
+    if (label != nullptr && (g->label = strdup(label)) == nullptr) {
         free(g);
         return nullptr;
     }
@@ -98,7 +91,7 @@ util_graph_node_t *util_graph_node_add(util_graph_t *graph, const char *label, v
     if (graph == nullptr) return nullptr;
     if (label == nullptr) fatal(graph, UTIL_GRAPH_ENOLABEL, __func__);
     auto *node = static_cast<util_graph_node_t *>(calloc(1, sizeof(util_graph_node_t)));
-    if (node == nullptr || (node->label = copy_text(label)) == nullptr) fatal(graph, UTIL_GRAPH_ENOMEM, __func__);
+    if (node == nullptr || (node->label = strdup(label)) == nullptr) fatal(graph, UTIL_GRAPH_ENOMEM, __func__);
     node->graph = graph;
     node->value = value;
     node->user = user;
@@ -119,7 +112,7 @@ util_graph_node_t *util_graph_node_get(util_graph_t *graph, const char *label) n
 }
 
 char *util_graph_node_label_get(util_graph_node_t *node) noexcept {
-    return node == nullptr || node->label == nullptr ? nullptr : copy_text(node->label);
+    return node == nullptr || node->label == nullptr ? nullptr : strdup(node->label);
 }
 
 int32_t util_graph_node_connect(util_graph_node_t *node, void *target, util_graph_score_t score, void *arg) noexcept {

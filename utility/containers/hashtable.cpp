@@ -57,6 +57,12 @@ uint32_t hash_key(uint32_t seed, const void *key, uint32_t klen) {
     return h;
 }
 
+// hash modulo size; sizes are mostly powers of two (128 doubled), where a
+// mask gives the same slot without a division.
+inline uint32_t slot_of(uint32_t hash, uint32_t size) {
+    return (size & (size - 1)) == 0 ? hash & (size - 1) : hash % size;
+}
+
 // ---- the state word ----
 
 void enter_locating(util_ht_t *t) {
@@ -160,7 +166,7 @@ void release_value(util_ht_t *t, void *value) {
 // The bucket for hash, locked, or null when its slot is empty.
 util_ht_bucket_t *locate(util_ht_t *t, uint32_t hash) {
     enter_locating(t);
-    util_ht_bucket_t *b = t->slots[hash % t->size];
+    util_ht_bucket_t *b = t->slots[slot_of(hash, t->size)];
     if (b != nullptr) kerm::lock_or_abort(&b->lock);
     leave_locating(t);
     return b;
@@ -187,7 +193,7 @@ util_ht_bucket_t *locate_or_create(util_ht_t *t, uint32_t hash) {
         kerm::lock_or_abort(&nb->lock);
         enter_exclusive(t, UTIL_HT_STATE_CREATING);
         // The size may have changed while the bucket was allocated.
-        uint32_t index = hash % t->size;
+        uint32_t index = slot_of(hash, t->size);
         if (t->slots[index] == nullptr) {
             nb->index = index;
             t->slots[index] = nb;
@@ -226,7 +232,7 @@ void grow(util_ht_t *t) {
     for (util_ht_bucket_t *b = t->live_first; b != nullptr && !failed; b = b->next) {
         MutexGuard bg(&b->lock);
         for (Item *it = b->first; it != nullptr; it = it->next) {
-            uint32_t index = it->hash % new_size;
+            uint32_t index = slot_of(it->hash, new_size);
             if (slots[index] != nullptr) continue;
             util_ht_bucket_t *nb = new_bucket(index);
             if (nb == nullptr) {
@@ -251,7 +257,7 @@ void grow(util_ht_t *t) {
         kerm::lock_or_abort(&b->lock);
         for (Item *it = b->first; it != nullptr;) {
             Item *next = it->next;
-            append_item(slots[it->hash % new_size], it);
+            append_item(slots[slot_of(it->hash, new_size)], it);
             it = next;
         }
         kerm::unlock_or_abort(&b->lock);
@@ -382,10 +388,36 @@ R with_item(util_ht_t *t, const void *key, uint32_t klen, R absent, Fn fn) {
     return it == nullptr ? absent : fn(b, it);
 }
 
-list_t *snapshot_list() {
-    list_t *l = list_create();
-    if (l != nullptr) list_set_free_value_callback(l, free);
-    return l;
+// A list of one malloc'ed record per item, made by make(); the list frees
+// them. Null, with nothing left behind, when memory runs out.
+list_t *snapshot(util_ht_t *t, void *(*make)(const void *key, uint32_t klen, void *value, uint32_t vlen)) {
+    if (t == nullptr) return nullptr;
+    list_t *out = list_create();
+    if (out == nullptr) return nullptr;
+    list_set_free_value_callback(out, free);
+    struct Ctx {
+        list_t *out;
+        void *(*make)(const void *, uint32_t, void *, uint32_t);
+        bool oom;
+    } ctx{out, make, false};
+    util_ht_foreach_pair(
+        t,
+        [](util_ht_t *, const void *k, uint32_t kl, void *v, uint32_t vl, void *u) {
+            auto *c = static_cast<Ctx *>(u);
+            void *snap = c->make(k, kl, v, vl);
+            if (snap == nullptr || list_push_value(c->out, snap) != 0) {
+                free(snap);
+                c->oom = true;
+                return 0;
+            }
+            return 1;
+        },
+        &ctx);
+    if (ctx.oom) {
+        list_destroy(out);
+        return nullptr;
+    }
+    return out;
 }
 
 }  // namespace
@@ -638,67 +670,25 @@ int util_ht_foreach_value(util_ht_t *table, util_ht_value_callback_t cb, void *u
 }
 
 list_t *util_ht_get_all_keys(util_ht_t *table) noexcept {
-    if (table == nullptr) return nullptr;
-    list_t *out = snapshot_list();
-    if (out == nullptr) return nullptr;
-    bool oom = false;
-    struct Ctx {
-        list_t *out;
-        bool *oom;
-    } ctx{out, &oom};
-    util_ht_foreach_pair(
-        table,
-        [](util_ht_t *, const void *k, uint32_t kl, void *, uint32_t vl, void *u) {
-            auto *c = static_cast<Ctx *>(u);
-            // One block: the record, then its key copy.
-            auto *snap = static_cast<util_ht_key_t *>(malloc(sizeof(util_ht_key_t) + kl));
-            if (snap == nullptr || list_push_value(c->out, snap) != 0) {
-                free(snap);
-                *c->oom = true;
-                return 0;
-            }
+    return snapshot(table, [](const void *k, uint32_t kl, void *, uint32_t vl) -> void * {
+        // One block: the record, then its key copy, freed together.
+        auto *snap = static_cast<util_ht_key_t *>(malloc(sizeof(util_ht_key_t) + kl));
+        if (snap != nullptr) {
             snap->key = snap + 1;
             memcpy(snap->key, k, kl);
             snap->klen = kl;
             snap->vlen = vl;
-            return 1;
-        },
-        &ctx);
-    if (oom) {
-        list_destroy(out);
-        return nullptr;
-    }
-    return out;
+        }
+        return snap;
+    });
 }
 
 list_t *util_ht_get_all_values(util_ht_t *table) noexcept {
-    if (table == nullptr) return nullptr;
-    list_t *out = snapshot_list();
-    if (out == nullptr) return nullptr;
-    bool oom = false;
-    struct Ctx {
-        list_t *out;
-        bool *oom;
-    } ctx{out, &oom};
-    util_ht_foreach_pair(
-        table,
-        [](util_ht_t *, const void *k, uint32_t kl, void *v, uint32_t vl, void *u) {
-            auto *c = static_cast<Ctx *>(u);
-            auto *snap = static_cast<util_ht_value_t *>(malloc(sizeof(util_ht_value_t)));
-            if (snap == nullptr || list_push_value(c->out, snap) != 0) {
-                free(snap);
-                *c->oom = true;
-                return 0;
-            }
-            *snap = util_ht_value_t{k, kl, v, vl};
-            return 1;
-        },
-        &ctx);
-    if (oom) {
-        list_destroy(out);
-        return nullptr;
-    }
-    return out;
+    return snapshot(table, [](const void *k, uint32_t kl, void *v, uint32_t vl) -> void * {
+        auto *snap = static_cast<util_ht_value_t *>(malloc(sizeof(util_ht_value_t)));
+        if (snap != nullptr) *snap = util_ht_value_t{k, kl, v, vl};
+        return snap;
+    });
 }
 
 }  // extern "C"
