@@ -307,7 +307,7 @@ void list_destroy(list_t *list) noexcept {
     if (list == nullptr) return;
     while (list->slices != nullptr) slice_destroy(static_cast<slice_t *>(list->slices->value));
     list_clear(list);
-    pthread_mutex_destroy(&list->lock);
+    if (pthread_mutex_destroy(&list->lock) != 0) abort();
     free(list);
 }
 
