@@ -5,6 +5,8 @@
 #include <stdint.h>
 #include <stdlib.h>
 
+#include "support/emulator.h"
+
 #include <vector>
 
 #include "kerm_list.h"
@@ -22,10 +24,7 @@ inline std::vector<uintptr_t> contents(list_t *l) {
 }
 
 // Iteration counts shrink under the ARM emulator.
-inline int scaled(int n) {
-    const char *emu = getenv("KERM_TEST_EMULATOR");
-    return emu != nullptr && emu[0] != '\0' ? n / 4 : n;
-}
+using kerm_test::scaled;
 
 }  // namespace listtest
 

@@ -9,11 +9,16 @@
 
 namespace kerm {
 
+// Tag for a guard that takes over a mutex the caller has already locked.
+struct adopt_lock_t {};
+inline constexpr adopt_lock_t adopt_lock{};
+
 // Holds a pthread mutex for the scope. A failing lock or unlock means a
 // corrupted lock: the process ends (lock_or_abort).
 class MutexGuard {
 public:
     explicit MutexGuard(pthread_mutex_t *m) noexcept : m_(m) { lock_or_abort(m_); }
+    MutexGuard(pthread_mutex_t *m, adopt_lock_t) noexcept : m_(m) {}
     ~MutexGuard() { unlock_or_abort(m_); }
     MutexGuard(const MutexGuard &) = delete;
     MutexGuard &operator=(const MutexGuard &) = delete;
@@ -48,6 +53,8 @@ private:
 // Initialises a recursive pthread mutex (the containers' default); aborts on
 // failure like every other lock operation of the containers.
 void recursive_mutex_init_or_abort(pthread_mutex_t *m) noexcept;
+// The same for a default (non-recursive) mutex.
+void mutex_init_or_abort(pthread_mutex_t *m) noexcept;
 
 // Owns a descriptor; closes it at the end of the scope unless released.
 class FdGuard {

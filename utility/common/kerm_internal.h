@@ -39,8 +39,13 @@ namespace kerm {
 const char *platform_path(const char *fixed, char *out, size_t out_size) noexcept;
 
 // Lock and unlock calls whose failure means a corrupted lock: end the process.
-void lock_or_abort(pthread_mutex_t *m) noexcept;
-void unlock_or_abort(pthread_mutex_t *m) noexcept;
+// Inline: the containers take a lock on every call.
+inline void lock_or_abort(pthread_mutex_t *m) noexcept {
+    if (pthread_mutex_lock(m) != 0) abort();
+}
+inline void unlock_or_abort(pthread_mutex_t *m) noexcept {
+    if (pthread_mutex_unlock(m) != 0) abort();
+}
 
 // sem_wait retried while interrupted by a signal.
 int sem_wait_nointr(sem_t *s) noexcept;

@@ -14,19 +14,15 @@ const char *platform_path(const char *fixed, char *out, size_t out_size) noexcep
     return out;
 }
 
-void lock_or_abort(pthread_mutex_t *m) noexcept {
-    if (pthread_mutex_lock(m) != 0) abort();
-}
-
-void unlock_or_abort(pthread_mutex_t *m) noexcept {
-    if (pthread_mutex_unlock(m) != 0) abort();
-}
-
 void recursive_mutex_init_or_abort(pthread_mutex_t *m) noexcept {
     pthread_mutexattr_t attr;
     if (pthread_mutexattr_init(&attr) != 0) abort();
     if (pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_RECURSIVE) != 0 || pthread_mutex_init(m, &attr) != 0) abort();
     pthread_mutexattr_destroy(&attr);
+}
+
+void mutex_init_or_abort(pthread_mutex_t *m) noexcept {
+    if (pthread_mutex_init(m, nullptr) != 0) abort();
 }
 
 int sem_wait_nointr(sem_t *s) noexcept {

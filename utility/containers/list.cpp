@@ -178,17 +178,10 @@ void *replace_value(list_t *l, uint32_t pos, void *value, uint32_t tagged, bool 
     return nullptr;
 }
 
-char *copy_text(const char *s) {
-    size_t n = strlen(s) + 1;
-    auto *c = static_cast<char *>(malloc(n));
-    if (c != nullptr) memcpy(c, s, n);
-    return c;
-}
-
 list_tagged_value_t *new_tagged(const char *tag) {
     auto *tv = static_cast<list_tagged_value_t *>(calloc(1, sizeof(list_tagged_value_t)));
     if (tv == nullptr || tag == nullptr) return tv;
-    tv->tag = copy_text(tag);
+    tv->tag = strdup(tag);
     if (tv->tag == nullptr) {
         free(tv);
         return nullptr;
@@ -216,6 +209,18 @@ void discard_entry(list_entry_t *e, list_free_value_callback_t cb) {
     else if (!e->tagged && cb != nullptr)
         cb(e->value);
     free(e);
+}
+
+// Pushes or unshifts a tagged value; a null one or a failed entry
+// allocation adds nothing and still gives 0.
+int add_tagged(list_t *l, list_tagged_value_t *tv, void (*link)(list_t *, list_entry_t *)) {
+    if (l == nullptr) return -1;
+    if (tv == nullptr) return 0;
+    list_entry_t *e = new_entry(tv, 1);
+    if (e == nullptr) return 0;
+    MutexGuard g(&l->lock);
+    link(l, e);
+    return 0;
 }
 
 bool tag_matches(const list_entry_t *e, const char *tag) {
@@ -302,7 +307,7 @@ void list_destroy(list_t *list) noexcept {
     if (list == nullptr) return;
     while (list->slices != nullptr) slice_destroy(static_cast<slice_t *>(list->slices->value));
     list_clear(list);
-    pthread_mutex_destroy(&list->lock);
+    if (pthread_mutex_destroy(&list->lock) != 0) abort();
     free(list);
 }
 
@@ -423,7 +428,7 @@ list_tagged_value_t *list_create_tagged_value(const char *tag, const void *value
         tv->vlen = len;
         tv->type = LIST_TV_BYTES;
     } else {
-        char *text = copy_text(static_cast<const char *>(value));
+        char *text = strdup(static_cast<const char *>(value));
         if (text == nullptr) {
             free(tv->tag);
             free(tv);
@@ -458,23 +463,11 @@ list_tagged_value_t *list_create_tagged_sublist(const char *tag, list_t *sublist
 void list_destroy_tagged_value(list_tagged_value_t *tv) noexcept { destroy_tagged(tv, nullptr); }
 
 int list_push_tagged_value(list_t *list, list_tagged_value_t *tv) noexcept {
-    if (list == nullptr) return -1;
-    if (tv == nullptr) return 0;
-    list_entry_t *e = new_entry(tv, 1);
-    if (e == nullptr) return 0;
-    MutexGuard g(&list->lock);
-    link_tail(list, e);
-    return 0;
+    return add_tagged(list, tv, link_tail);
 }
 
 int list_unshift_tagged_value(list_t *list, list_tagged_value_t *tv) noexcept {
-    if (list == nullptr) return -1;
-    if (tv == nullptr) return 0;
-    list_entry_t *e = new_entry(tv, 1);
-    if (e == nullptr) return 0;
-    MutexGuard g(&list->lock);
-    link_head(list, e);
-    return 0;
+    return add_tagged(list, tv, link_head);
 }
 
 int list_insert_tagged_value(list_t *list, list_tagged_value_t *tv, uint32_t pos) noexcept {

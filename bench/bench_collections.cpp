@@ -1,0 +1,275 @@
+// Hash table beside two mutex-wrapped peers (std::unordered_map + std::mutex,
+// absl::flat_hash_map + absl::Mutex): set into a fresh table, get hit, get
+// miss and delete, 16- and 64-byte keys, 10^3 and large_n() items, 1 and 2
+// threads. large_n() is 10^5: 10^6 items made one run last many minutes on
+// the shared 2-core build machine (KERM_BENCH_LARGE=1000000 restores it).
+// Only the threads' work is timed (manual time); every variant does the same
+// number of operations, so times compare directly.
+// Then the tagged list's walk by increasing position beside std::list with
+// std::next from the front.
+#include <absl/container/flat_hash_map.h>
+#include <absl/synchronization/mutex.h>
+#include <benchmark/benchmark.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include "kerm_ht.h"
+#include "kerm_list.h"
+
+namespace {
+
+std::map<std::string, double> g_ns;  // per-benchmark time per iteration, for the ratios
+
+// ---- the three tables behind one small interface ----
+
+struct SvHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view s) const { return std::hash<std::string_view>{}(s); }
+};
+struct SvEq {
+    using is_transparent = void;
+    bool operator()(std::string_view a, std::string_view b) const { return a == b; }
+};
+
+struct Kerm {
+    util_ht_t *t = util_ht_create(0, 0, nullptr);
+    ~Kerm() { util_ht_destroy(t); }
+    void set(std::string_view k, void *v) { util_ht_set(t, k.data(), uint32_t(k.size()), v, sizeof(void *)); }
+    void *get(std::string_view k) { return util_ht_get(t, k.data(), uint32_t(k.size()), nullptr); }
+    void del(std::string_view k) { util_ht_delete(t, k.data(), uint32_t(k.size()), nullptr, nullptr); }
+};
+
+struct StdPeer {
+    std::mutex m;
+    std::unordered_map<std::string, void *, SvHash, SvEq> map;
+    void set(std::string_view k, void *v) {
+        std::lock_guard<std::mutex> g(m);
+        map.insert_or_assign(std::string(k), v);
+    }
+    void *get(std::string_view k) {
+        std::lock_guard<std::mutex> g(m);
+        auto it = map.find(k);
+        return it == map.end() ? nullptr : it->second;
+    }
+    void del(std::string_view k) {
+        std::lock_guard<std::mutex> g(m);
+        auto it = map.find(k);
+        if (it != map.end()) map.erase(it);
+    }
+};
+
+struct AbslPeer {
+    absl::Mutex m;
+    absl::flat_hash_map<std::string, void *> map;
+    void set(std::string_view k, void *v) {
+        absl::MutexLock g(&m);
+        map.insert_or_assign(std::string(k), v);
+    }
+    void *get(std::string_view k) {
+        absl::MutexLock g(&m);
+        auto it = map.find(absl::string_view(k.data(), k.size()));
+        return it == map.end() ? nullptr : it->second;
+    }
+    void del(std::string_view k) {
+        absl::MutexLock g(&m);
+        map.erase(absl::string_view(k.data(), k.size()));
+    }
+};
+
+// Keys of one length: "hit" keys go into the table, "miss" keys never do.
+const std::vector<std::string> &keys(size_t len, size_t n, bool miss) {
+    static std::map<std::tuple<size_t, size_t, bool>, std::vector<std::string>> cache;
+    auto &v = cache[{len, n, miss}];
+    if (v.empty()) {
+        v.reserve(n);
+        for (size_t i = 0; i < n; ++i) {
+            std::string k = (miss ? "miss:" : "item:") + std::to_string(i * 2654435761u % 1000000007u) + ":";
+            k.resize(len, static_cast<char>('a' + i % 26));
+            v.push_back(std::move(k));
+        }
+    }
+    return v;
+}
+
+// Runs body(thread, first, last) on `threads` threads over [0, n) split in
+// equal parts, started together; returns the seconds from start to the last join.
+double timed(int threads, size_t n, const std::function<void(size_t, size_t)> &body) {
+    std::atomic<bool> go{false};
+    std::vector<std::thread> pool;
+    for (int t = 0; t < threads; ++t) {
+        size_t first = n * t / threads, last = n * (t + 1) / threads;
+        pool.emplace_back([&, first, last] {
+            while (!go.load(std::memory_order_acquire)) {
+            }
+            body(first, last);
+        });
+    }
+    auto t0 = std::chrono::steady_clock::now();
+    go.store(true, std::memory_order_release);
+    for (auto &th : pool) th.join();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+enum Op { kSet, kGetHit, kGetMiss, kDelete };
+const char *const kOpNames[] = {"set", "get_hit", "get_miss", "delete"};
+constexpr size_t kOpsPerIteration = 100000;  // small tables repeat their work up to this
+
+size_t large_n() {
+    const char *env = getenv("KERM_BENCH_LARGE");
+    return env != nullptr && atol(env) > 0 ? size_t(atol(env)) : 100000;
+}
+
+template <typename Table>
+void BM_ht(benchmark::State &state, Op op, size_t klen, size_t n, int threads) {
+    const auto &hit = keys(klen, n, false);
+    const auto &miss = keys(klen, n, true);
+    size_t rounds = n >= kOpsPerIteration ? 1 : kOpsPerIteration / n;
+    int dummy = 0;
+    void *value = &dummy;
+    // Lookups share one loaded table across iterations.
+    std::unique_ptr<Table> loaded;
+    if (op == kGetHit || op == kGetMiss) {
+        loaded = std::make_unique<Table>();
+        for (auto &k : hit) loaded->set(k, value);
+    }
+    for (auto _ : state) {
+        double secs = 0;
+        if (op == kGetHit || op == kGetMiss) {
+            const auto &probe = op == kGetHit ? hit : miss;
+            Table *t = loaded.get();
+            secs = timed(threads, n, [&](size_t first, size_t last) {
+                for (size_t r = 0; r < rounds; ++r)
+                    for (size_t i = first; i < last; ++i) benchmark::DoNotOptimize(t->get(probe[i]));
+            });
+        } else {
+            // Small tables: a row of fresh tables, each thread going through
+            // all of them, so one timed run holds enough work.
+            std::vector<std::unique_ptr<Table>> tables;
+            for (size_t r = 0; r < rounds; ++r) {
+                tables.push_back(std::make_unique<Table>());
+                if (op == kDelete)
+                    for (auto &k : hit) tables.back()->set(k, value);
+            }
+            secs = timed(threads, n, [&](size_t first, size_t last) {
+                for (auto &t : tables)
+                    if (op == kSet)
+                        for (size_t i = first; i < last; ++i) t->set(hit[i], value);
+                    else
+                        for (size_t i = first; i < last; ++i) t->del(hit[i]);
+            });
+        }
+        state.SetIterationTime(secs);
+    }
+    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(n * rounds));
+}
+
+// ---- list walks by increasing position ----
+
+void BM_list_walk_kerm(benchmark::State &state) {
+    auto n = static_cast<uint32_t>(state.range(0));
+    list_t *l = list_create();
+    for (uint32_t i = 0; i < n; ++i) list_push_value(l, reinterpret_cast<void *>(uintptr_t(i) + 1));
+    for (auto _ : state)
+        for (uint32_t i = 0; i < n; ++i) benchmark::DoNotOptimize(list_pick_value(l, i));
+    state.SetItemsProcessed(int64_t(state.iterations()) * n);
+    list_destroy(l);
+}
+
+void BM_list_walk_peer(benchmark::State &state) {
+    auto n = static_cast<size_t>(state.range(0));
+    std::list<void *> l;
+    for (size_t i = 0; i < n; ++i) l.push_back(reinterpret_cast<void *>(uintptr_t(i) + 1));
+    for (auto _ : state)
+        for (size_t i = 0; i < n; ++i) benchmark::DoNotOptimize(*std::next(l.begin(), long(i)));
+    state.SetItemsProcessed(int64_t(state.iterations()) * int64_t(n));
+}
+
+std::string ht_name(Op op, size_t klen, size_t n, int threads, const char *impl) {
+    char buf[96];
+    snprintf(buf, sizeof buf, "ht/%s/k%zu/n%zu/t%d/%s", kOpNames[op], klen, n, threads, impl);
+    return buf;
+}
+
+void register_all() {
+    for (size_t n : {size_t(1000), large_n()})
+        for (size_t klen : {size_t(16), size_t(64)})
+            for (Op op : {kSet, kGetHit, kGetMiss, kDelete})
+                for (int threads : {1, 2}) {
+                    // The smallest of a few repetitions: the build machine is shared.
+                    int iters = n >= kOpsPerIteration ? 1 : 2, reps = 2;
+                    benchmark::RegisterBenchmark(ht_name(op, klen, n, threads, "kerm").c_str(), BM_ht<Kerm>, op,
+                                                 klen, n, threads)
+                        ->UseManualTime()->Iterations(iters)->Repetitions(reps)->Unit(benchmark::kMillisecond);
+                    benchmark::RegisterBenchmark(ht_name(op, klen, n, threads, "std_mutex").c_str(), BM_ht<StdPeer>,
+                                                 op, klen, n, threads)
+                        ->UseManualTime()->Iterations(iters)->Repetitions(reps)->Unit(benchmark::kMillisecond);
+                    benchmark::RegisterBenchmark(ht_name(op, klen, n, threads, "absl_mutex").c_str(),
+                                                 BM_ht<AbslPeer>, op, klen, n, threads)
+                        ->UseManualTime()->Iterations(iters)->Repetitions(reps)->Unit(benchmark::kMillisecond);
+                }
+    for (long n : {100L, 1000L, 10000L}) {
+        benchmark::RegisterBenchmark(("list_walk/kerm/" + std::to_string(n)).c_str(), BM_list_walk_kerm)->Arg(n);
+        benchmark::RegisterBenchmark(("list_walk/std_list/" + std::to_string(n)).c_str(), BM_list_walk_peer)->Arg(n);
+    }
+}
+
+// Prints kerm/peer time ratios of the paired benchmarks after the run, from
+// the fastest repetition of each (below 1: the library is faster).
+class RatioReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run> &runs) override {
+        std::vector<Run> shown;
+        for (const auto &r : runs) {
+            if (r.run_type != Run::RT_Iteration) continue;  // repetitions shown one by one, no aggregates
+            shown.push_back(r);
+            auto it = g_ns.find(r.run_name.function_name);
+            double t = r.GetAdjustedRealTime();
+            if (it == g_ns.end() || t < it->second) g_ns[r.run_name.function_name] = t;
+        }
+        ConsoleReporter::ReportRuns(shown);
+    }
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        auto ratio = [](const std::string &ours, const std::string &theirs, const std::string &what) {
+            if (g_ns.count(ours) && g_ns.count(theirs) && g_ns[theirs] > 0)
+                printf("ratio %-32s kerm/peer = %.2f\n", what.c_str(), g_ns[ours] / g_ns[theirs]);
+        };
+        for (size_t n : {size_t(1000), large_n()})
+            for (size_t klen : {size_t(16), size_t(64)})
+                for (Op op : {kSet, kGetHit, kGetMiss, kDelete})
+                    for (int threads : {1, 2})
+                        for (const char *peer : {"std_mutex", "absl_mutex"}) {
+                            char what[96];
+                            snprintf(what, sizeof what, "%s k%zu n%zu t%d vs %s", kOpNames[op], klen, n, threads,
+                                     peer);
+                            ratio(ht_name(op, klen, n, threads, "kerm"), ht_name(op, klen, n, threads, peer), what);
+                        }
+        for (const char *n : {"100", "1000", "10000"})
+            ratio(std::string("list_walk/kerm/") + n, std::string("list_walk/std_list/") + n,
+                  std::string("list walk n") + n + " vs std::list");
+    }
+};
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    register_all();
+    benchmark::Initialize(&argc, argv);
+    RatioReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,694 @@
+// Hash table with per-bucket mutexes and a shared state word.
+//
+// Lock order: the state word (locating, or exclusive work), then the table
+// mutex, then a bucket mutex, then the live-chain mutex. Locating threads hold
+// the state word only while they read the slot and lock the bucket; after
+// that the bucket mutex alone protects the item chain. Growth and clearing
+// destroy buckets only after locking them, and nobody can reach a bucket
+// without going through the state word first, so a bucket never disappears
+// under a thread that holds or waits for its mutex.
+#include <sched.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "common/kerm_guard.h"
+#include "kerm_ht.h"
+
+namespace {
+
+struct Item {
+    uint32_t hash;
+    uint8_t inline_key[UTIL_HT_KEY_INLINE];
+    uint8_t *key;
+    uint32_t klen;
+    void *value;
+    uint32_t vlen;
+    Item *next;
+    Item **prev_next;
+};
+
+}  // namespace
+
+struct util_ht_bucket_s {
+    Item *first;
+    Item **last_next;
+    pthread_mutex_t lock;
+    uint32_t index;
+    util_ht_bucket_t *next;  // live-bucket chain
+};
+
+namespace {
+
+using kerm::MutexGuard;
+
+uint32_t load(const uint32_t *p) { return __atomic_load_n(p, __ATOMIC_ACQUIRE); }
+
+uint32_t hash_key(uint32_t seed, const void *key, uint32_t klen) {
+    const auto *p = static_cast<const uint8_t *>(key);
+    uint32_t h = seed + klen;
+    for (uint32_t i = 0; i < klen; ++i) {
+        h += p[i];
+        h += h << 10;
+        h ^= h >> 6;
+    }
+    h += h << 3;
+    h ^= h >> 11;
+    h += h << 15;
+    return h;
+}
+
+// hash modulo size; sizes are mostly powers of two (128 doubled), where a
+// mask gives the same slot without a division.
+inline uint32_t slot_of(uint32_t hash, uint32_t size) {
+    return (size & (size - 1)) == 0 ? hash & (size - 1) : hash % size;
+}
+
+// ---- the state word ----
+
+void enter_locating(util_ht_t *t) {
+    uint32_t s = __atomic_load_n(&t->state, __ATOMIC_RELAXED);
+    for (;;) {
+        if (s < UTIL_HT_STATE_IDLE) {
+            sched_yield();
+            s = __atomic_load_n(&t->state, __ATOMIC_RELAXED);
+            continue;
+        }
+        if (__atomic_compare_exchange_n(&t->state, &s, s + 1, true, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return;
+    }
+}
+
+// Leaving is a plain decrement: it can only ever move n to n-1.
+void leave_locating(util_ht_t *t) { __atomic_fetch_sub(&t->state, 1, __ATOMIC_RELEASE); }
+
+bool try_enter_exclusive(util_ht_t *t, uint32_t work) {
+    uint32_t idle = UTIL_HT_STATE_IDLE;
+    return __atomic_compare_exchange_n(&t->state, &idle, work, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
+}
+
+void enter_exclusive(util_ht_t *t, uint32_t work) {
+    while (!try_enter_exclusive(t, work)) sched_yield();
+}
+
+void leave_exclusive(util_ht_t *t, uint32_t work) {
+    uint32_t w = work;
+    if (!__atomic_compare_exchange_n(&t->state, &w, UTIL_HT_STATE_IDLE, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
+        abort();  // only the holder may leave exclusive work
+}
+
+// ---- buckets and items ----
+
+util_ht_bucket_t *new_bucket(uint32_t index) {
+    auto *b = static_cast<util_ht_bucket_t *>(calloc(1, sizeof(util_ht_bucket_t)));
+    if (b == nullptr) return nullptr;
+    b->last_next = &b->first;
+    b->index = index;
+    kerm::mutex_init_or_abort(&b->lock);
+    return b;
+}
+
+void free_bucket(util_ht_bucket_t *b) {
+    if (pthread_mutex_destroy(&b->lock) != 0) abort();
+    free(b);
+}
+
+void append_item(util_ht_bucket_t *b, Item *it) {
+    it->next = nullptr;
+    it->prev_next = b->last_next;
+    *b->last_next = it;
+    b->last_next = &it->next;
+}
+
+void unlink_item(util_ht_bucket_t *b, Item *it) {
+    *it->prev_next = it->next;
+    if (it->next != nullptr)
+        it->next->prev_next = it->prev_next;
+    else
+        b->last_next = it->prev_next;
+}
+
+void free_item(Item *it) {
+    if (it->key != it->inline_key) free(it->key);
+    free(it);
+}
+
+// Unlinks, frees and uncounts an item; its value is the caller's business.
+void remove_item(util_ht_t *t, util_ht_bucket_t *b, Item *it) {
+    unlink_item(b, it);
+    free_item(it);
+    __atomic_fetch_sub(&t->count, 1, __ATOMIC_RELAXED);
+}
+
+Item *find_item(util_ht_bucket_t *b, uint32_t hash, const void *key, uint32_t klen) {
+    const auto *k = static_cast<const uint8_t *>(key);
+    for (Item *it = b->first; it != nullptr; it = it->next)
+        if (it->hash == hash && it->klen == klen && it->key[0] == k[0] && memcmp(it->key, k, klen) == 0) return it;
+    return nullptr;
+}
+
+bool value_equals(const Item *it, const void *match, uint32_t match_len) {
+    if (it->vlen != match_len) return false;
+    if (match_len == 0) return true;
+    if (it->value == nullptr || match == nullptr) return false;
+    const auto *a = static_cast<const uint8_t *>(it->value);
+    const auto *b = static_cast<const uint8_t *>(match);
+    return a[0] == b[0] && memcmp(a, b, match_len) == 0;
+}
+
+util_ht_free_item_callback_t free_cb(util_ht_t *t) {
+    return __atomic_load_n(&t->free_item_cb, __ATOMIC_ACQUIRE);
+}
+
+void release_value(util_ht_t *t, void *value) {
+    if (value == nullptr) return;
+    if (util_ht_free_item_callback_t cb = free_cb(t)) cb(value);
+}
+
+// The bucket for hash, locked, or null when its slot is empty.
+util_ht_bucket_t *locate(util_ht_t *t, uint32_t hash) {
+    enter_locating(t);
+    util_ht_bucket_t *b = t->slots[slot_of(hash, t->size)];
+    if (b != nullptr) kerm::lock_or_abort(&b->lock);
+    leave_locating(t);
+    return b;
+}
+
+void live_append(util_ht_t *t, util_ht_bucket_t *b) {
+    MutexGuard g(&t->live_lock);
+    b->next = nullptr;
+    *t->live_tail = b;
+    t->live_tail = &b->next;
+}
+
+util_ht_bucket_t *live_next(util_ht_t *t, util_ht_bucket_t *b) {
+    MutexGuard g(&t->live_lock);
+    return b == nullptr ? t->live_first : b->next;
+}
+
+// The bucket for hash, locked, created when missing; null when memory runs out.
+util_ht_bucket_t *locate_or_create(util_ht_t *t, uint32_t hash) {
+    for (;;) {
+        if (util_ht_bucket_t *b = locate(t, hash)) return b;
+        util_ht_bucket_t *nb = new_bucket(0);
+        if (nb == nullptr) return nullptr;
+        kerm::lock_or_abort(&nb->lock);
+        enter_exclusive(t, UTIL_HT_STATE_CREATING);
+        // The size may have changed while the bucket was allocated.
+        uint32_t index = slot_of(hash, t->size);
+        if (t->slots[index] == nullptr) {
+            nb->index = index;
+            t->slots[index] = nb;
+            // Joins the walks' chain before growth can run, so growth always sees it.
+            live_append(t, nb);
+            leave_exclusive(t, UTIL_HT_STATE_CREATING);
+            return nb;
+        }
+        // Another thread was first: use its bucket through the normal path,
+        // without waiting for a bucket mutex while the state word is held.
+        leave_exclusive(t, UTIL_HT_STATE_CREATING);
+        kerm::unlock_or_abort(&nb->lock);
+        free_bucket(nb);
+    }
+}
+
+// Doubles the slots (capped at the maximum) and rehashes every item. Runs
+// only when no other thread is locating, creating, growing or clearing.
+void grow(util_ht_t *t) {
+    uint32_t size = __atomic_load_n(&t->size, __ATOMIC_RELAXED);
+    uint32_t count = __atomic_load_n(&t->count, __ATOMIC_RELAXED);
+    if (count <= size + size / 3 || (t->max_size != 0 && size >= t->max_size)) return;
+    uint64_t wanted = uint64_t(size) * 2;
+    if (t->max_size != 0 && wanted > t->max_size) wanted = t->max_size;
+    if (wanted > 0x80000000u) return;
+    auto new_size = static_cast<uint32_t>(wanted);
+    auto **slots = static_cast<util_ht_bucket_t **>(calloc(new_size, sizeof(util_ht_bucket_t *)));
+    if (slots == nullptr) return;
+
+    MutexGuard g(&t->lock);
+    // First create every bucket the items need, so that a failed allocation
+    // leaves the table as it was.
+    util_ht_bucket_t *first = nullptr;
+    util_ht_bucket_t **tail = &first;
+    bool failed = false;
+    for (util_ht_bucket_t *b = t->live_first; b != nullptr && !failed; b = b->next) {
+        MutexGuard bg(&b->lock);
+        for (Item *it = b->first; it != nullptr; it = it->next) {
+            uint32_t index = slot_of(it->hash, new_size);
+            if (slots[index] != nullptr) continue;
+            util_ht_bucket_t *nb = new_bucket(index);
+            if (nb == nullptr) {
+                failed = true;
+                break;
+            }
+            slots[index] = nb;
+            *tail = nb;
+            tail = &nb->next;
+        }
+    }
+    if (failed) {
+        while (first != nullptr) {
+            util_ht_bucket_t *next = first->next;
+            free_bucket(first);
+            first = next;
+        }
+        free(slots);
+        return;
+    }
+    for (util_ht_bucket_t *b = t->live_first; b != nullptr;) {
+        kerm::lock_or_abort(&b->lock);
+        for (Item *it = b->first; it != nullptr;) {
+            Item *next = it->next;
+            append_item(slots[slot_of(it->hash, new_size)], it);
+            it = next;
+        }
+        kerm::unlock_or_abort(&b->lock);
+        util_ht_bucket_t *next = b->next;
+        free_bucket(b);
+        b = next;
+    }
+    util_ht_bucket_t **old = t->slots;
+    {
+        MutexGuard lg(&t->live_lock);
+        t->live_first = first;
+        t->live_tail = first == nullptr ? &t->live_first : tail;
+    }
+    t->slots = slots;
+    __atomic_store_n(&t->size, new_size, __ATOMIC_RELAXED);
+    free(old);
+}
+
+void maybe_grow(util_ht_t *t) {
+    uint32_t size = __atomic_load_n(&t->size, __ATOMIC_RELAXED);
+    if (__atomic_load_n(&t->count, __ATOMIC_RELAXED) <= size + size / 3) return;
+    if (t->max_size != 0 && size >= t->max_size) return;
+    // One attempt: when the word is busy another thread is working and will
+    // see the count later.
+    if (!try_enter_exclusive(t, UTIL_HT_STATE_GROWING)) return;
+    grow(t);
+    leave_exclusive(t, UTIL_HT_STATE_GROWING);
+}
+
+enum class SetMode { Set, IfNotExists, GetOrSet, GetAndSet, Copy };
+
+void put_prev(void **prev, uint32_t *prev_len, void *v, uint32_t len) {
+    if (prev != nullptr) *prev = v;
+    if (prev_len != nullptr) *prev_len = len;
+}
+
+bool bad_key(util_ht_t *t, const void *key, uint32_t klen) { return t == nullptr || key == nullptr || klen == 0; }
+
+int set_item(util_ht_t *t, const void *key, uint32_t klen, void *value, uint32_t vlen, SetMode mode, void **prev,
+             uint32_t *prev_len) {
+    if (bad_key(t, key, klen)) return -1;
+    uint32_t hash = hash_key(t->seed, key, klen);
+    util_ht_bucket_t *b = locate_or_create(t, hash);
+    if (b == nullptr) return -1;
+    void *old = nullptr;
+    bool hand_old = false, added = false;
+    int rc = 0;
+    Item *it = find_item(b, hash, key, klen);
+    if (it != nullptr && it->value != nullptr) {
+        switch (mode) {
+        case SetMode::IfNotExists:
+            rc = 1;
+            break;
+        case SetMode::GetOrSet:
+            put_prev(prev, prev_len, it->value, it->vlen);
+            rc = 1;
+            break;
+        case SetMode::Copy: {
+            if (prev_len != nullptr) *prev_len = it->vlen;
+            void *copy = nullptr;
+            if (vlen > 0) {
+                copy = malloc(vlen);
+                if (copy == nullptr) {
+                    rc = -1;
+                    break;
+                }
+                memcpy(copy, value, vlen);
+            }
+            value = copy;
+        }
+            [[fallthrough]];
+        case SetMode::Set:
+        case SetMode::GetAndSet:
+            old = it->value;
+            if (mode != SetMode::Set) put_prev(nullptr, prev_len, nullptr, it->vlen);
+            it->value = value;
+            it->vlen = vlen;
+            hand_old = true;
+            break;
+        }
+    } else {
+        auto *ni = static_cast<Item *>(calloc(1, sizeof(Item)));
+        void *stored = value;
+        if (ni != nullptr && mode == SetMode::Copy) {
+            stored = nullptr;
+            if (vlen > 0 && (stored = malloc(vlen)) != nullptr) memcpy(stored, value, vlen);
+        }
+        if (ni != nullptr && klen > UTIL_HT_KEY_INLINE) ni->key = static_cast<uint8_t *>(malloc(klen));
+        else if (ni != nullptr) ni->key = ni->inline_key;
+        if (ni == nullptr || ni->key == nullptr || (mode == SetMode::Copy && vlen > 0 && stored == nullptr)) {
+            if (ni != nullptr && mode == SetMode::Copy) free(stored);
+            if (ni != nullptr && ni->key != ni->inline_key) free(ni->key);
+            free(ni);
+            rc = -1;
+        } else {
+            ni->hash = hash;
+            ni->klen = klen;
+            memcpy(ni->key, key, klen);
+            ni->value = stored;
+            ni->vlen = vlen;
+            append_item(b, ni);
+            __atomic_fetch_add(&t->count, 1, __ATOMIC_RELAXED);
+            added = true;
+            if (mode != SetMode::Set && mode != SetMode::IfNotExists) put_prev(prev, prev_len, nullptr, 0);
+        }
+    }
+    kerm::unlock_or_abort(&b->lock);
+    if (added) maybe_grow(t);
+    if (hand_old) {
+        if (prev != nullptr && mode != SetMode::Set)
+            *prev = old;
+        else
+            release_value(t, old);
+    }
+    return rc;
+}
+
+// Runs fn(bucket, item) on the first item with the key, under its bucket's
+// lock; returns `absent` when there is none.
+template <typename R, typename Fn>
+R with_item(util_ht_t *t, const void *key, uint32_t klen, R absent, Fn fn) {
+    if (bad_key(t, key, klen)) return absent;
+    uint32_t hash = hash_key(t->seed, key, klen);
+    util_ht_bucket_t *b = locate(t, hash);
+    if (b == nullptr) return absent;
+    MutexGuard g(&b->lock, kerm::adopt_lock);
+    Item *it = find_item(b, hash, key, klen);
+    return it == nullptr ? absent : fn(b, it);
+}
+
+// A list of one malloc'ed record per item, made by make(); the list frees
+// them. Null, with nothing left behind, when memory runs out.
+list_t *snapshot(util_ht_t *t, void *(*make)(const void *key, uint32_t klen, void *value, uint32_t vlen)) {
+    if (t == nullptr) return nullptr;
+    list_t *out = list_create();
+    if (out == nullptr) return nullptr;
+    list_set_free_value_callback(out, free);
+    struct Ctx {
+        list_t *out;
+        void *(*make)(const void *, uint32_t, void *, uint32_t);
+        bool oom;
+    } ctx{out, make, false};
+    util_ht_foreach_pair(
+        t,
+        [](util_ht_t *, const void *k, uint32_t kl, void *v, uint32_t vl, void *u) {
+            auto *c = static_cast<Ctx *>(u);
+            void *snap = c->make(k, kl, v, vl);
+            if (snap == nullptr || list_push_value(c->out, snap) != 0) {
+                free(snap);
+                c->oom = true;
+                return 0;
+            }
+            return 1;
+        },
+        &ctx);
+    if (ctx.oom) {
+        list_destroy(out);
+        return nullptr;
+    }
+    return out;
+}
+
+}  // namespace
+
+extern "C" {
+
+int util_ht_init(util_ht_t *table, uint32_t initial_size, uint32_t max_size,
+                 util_ht_free_item_callback_t free_item_cb) noexcept {
+    if (table == nullptr) return -1;
+    uint32_t size = initial_size < UTIL_HT_MIN_SIZE ? UTIL_HT_MIN_SIZE : initial_size;
+    memset(table, 0, sizeof(*table));
+    table->slots = static_cast<util_ht_bucket_t **>(calloc(size, sizeof(util_ht_bucket_t *)));
+    if (table->slots == nullptr) return -1;
+    table->size = size;
+    table->max_size = max_size;
+    table->state = UTIL_HT_STATE_IDLE;
+    auto seed = static_cast<uint32_t>(random());
+    table->seed = seed == UINT32_MAX ? 0 : seed;
+    table->free_item_cb = free_item_cb;
+    table->live_tail = &table->live_first;
+    kerm::mutex_init_or_abort(&table->lock);
+    kerm::mutex_init_or_abort(&table->live_lock);
+    return 0;
+}
+
+util_ht_t *util_ht_create(uint32_t initial_size, uint32_t max_size, util_ht_free_item_callback_t free_item_cb) noexcept {
+    auto *t = static_cast<util_ht_t *>(calloc(1, sizeof(util_ht_t)));
+    if (t != nullptr && util_ht_init(t, initial_size, max_size, free_item_cb) != 0) {
+        free(t);
+        return nullptr;
+    }
+    return t;
+}
+
+void util_ht_clear(util_ht_t *table) noexcept {
+    if (table == nullptr) return;
+    enter_exclusive(table, UTIL_HT_STATE_CLEARING);
+    {
+        MutexGuard g(&table->lock);
+        util_ht_free_item_callback_t cb = free_cb(table);
+        for (util_ht_bucket_t *b = table->live_first; b != nullptr;) {
+            kerm::lock_or_abort(&b->lock);
+            while (Item *it = b->first) {
+                void *v = it->value;
+                remove_item(table, b, it);
+                if (cb != nullptr && v != nullptr) cb(v);
+            }
+            kerm::unlock_or_abort(&b->lock);
+            table->slots[b->index] = nullptr;
+            util_ht_bucket_t *next = b->next;
+            free_bucket(b);
+            b = next;
+        }
+        MutexGuard lg(&table->live_lock);
+        table->live_first = nullptr;
+        table->live_tail = &table->live_first;
+    }
+    leave_exclusive(table, UTIL_HT_STATE_CLEARING);
+}
+
+void util_ht_deinit(util_ht_t *table) noexcept {
+    if (table == nullptr || table->slots == nullptr) return;
+    util_ht_clear(table);
+    free(table->slots);
+    table->slots = nullptr;
+    if (pthread_mutex_destroy(&table->lock) != 0 || pthread_mutex_destroy(&table->live_lock) != 0) abort();
+}
+
+void util_ht_destroy(util_ht_t *table) noexcept {
+    if (table == nullptr) return;
+    util_ht_deinit(table);
+    free(table);
+}
+
+void util_ht_set_free_item_callback(util_ht_t *table, util_ht_free_item_callback_t cb) noexcept {
+    if (table != nullptr) __atomic_store_n(&table->free_item_cb, cb, __ATOMIC_RELEASE);
+}
+
+uint32_t util_ht_count(util_ht_t *table) noexcept { return table == nullptr ? 0 : load(&table->count); }
+
+int util_ht_set(util_ht_t *table, const void *key, uint32_t klen, void *value, uint32_t vlen) noexcept {
+    return set_item(table, key, klen, value, vlen, SetMode::Set, nullptr, nullptr);
+}
+
+int util_ht_set_if_not_exists(util_ht_t *table, const void *key, uint32_t klen, void *value, uint32_t vlen) noexcept {
+    return set_item(table, key, klen, value, vlen, SetMode::IfNotExists, nullptr, nullptr);
+}
+
+int util_ht_get_or_set(util_ht_t *table, const void *key, uint32_t klen, void *value, uint32_t vlen, void **prev,
+                       uint32_t *prev_len) noexcept {
+    return set_item(table, key, klen, value, vlen, SetMode::GetOrSet, prev, prev_len);
+}
+
+int util_ht_get_and_set(util_ht_t *table, const void *key, uint32_t klen, void *value, uint32_t vlen, void **prev,
+                        uint32_t *prev_len) noexcept {
+    return set_item(table, key, klen, value, vlen, SetMode::GetAndSet, prev, prev_len);
+}
+
+int util_ht_set_copy(util_ht_t *table, const void *key, uint32_t klen, const void *value, uint32_t vlen,
+                     void **prev, uint32_t *prev_len) noexcept {
+    if (value == nullptr && vlen > 0) return -1;
+    return set_item(table, key, klen, const_cast<void *>(value), vlen, SetMode::Copy, prev, prev_len);
+}
+
+int util_ht_set_if_equals(util_ht_t *table, const void *key, uint32_t klen, void *value, uint32_t vlen,
+                          const void *match, uint32_t match_len, void **prev, uint32_t *prev_len) noexcept {
+    if (match == nullptr && match_len == 0) return util_ht_set_if_not_exists(table, key, klen, value, vlen);
+    void *old = nullptr;
+    int rc = with_item(table, key, klen, -1, [&](util_ht_bucket_t *, Item *it) {
+        put_prev(prev, prev_len, it->value, it->vlen);
+        if (!value_equals(it, match, match_len)) return 1;
+        old = it->value;
+        it->value = value;
+        it->vlen = vlen;
+        if (prev == nullptr) release_value(table, old);
+        return 0;
+    });
+    return rc;
+}
+
+void *util_ht_get(util_ht_t *table, const void *key, uint32_t klen, uint32_t *vlen_out) noexcept {
+    return with_item(table, key, klen, static_cast<void *>(nullptr), [&](util_ht_bucket_t *, Item *it) {
+        if (vlen_out != nullptr) *vlen_out = it->vlen;
+        return it->value;
+    });
+}
+
+void *util_ht_get_copy(util_ht_t *table, const void *key, uint32_t klen, uint32_t *vlen_out) noexcept {
+    return with_item(table, key, klen, static_cast<void *>(nullptr), [&](util_ht_bucket_t *, Item *it) -> void * {
+        if (it->value == nullptr) return nullptr;
+        void *copy = malloc(it->vlen ? it->vlen : 1);
+        if (copy == nullptr) return nullptr;
+        memcpy(copy, it->value, it->vlen);
+        if (vlen_out != nullptr) *vlen_out = it->vlen;
+        return copy;
+    });
+}
+
+void *util_ht_get_deep_copy(util_ht_t *table, const void *key, uint32_t klen, uint32_t *vlen_out,
+                            util_ht_deep_copy_callback_t copy_cb, void *user) noexcept {
+    if (copy_cb == nullptr) return nullptr;
+    return with_item(table, key, klen, static_cast<void *>(nullptr), [&](util_ht_bucket_t *, Item *it) {
+        if (vlen_out != nullptr) *vlen_out = it->vlen;
+        return copy_cb(it->value, it->vlen, user);
+    });
+}
+
+int util_ht_exists(util_ht_t *table, const void *key, uint32_t klen) noexcept {
+    return with_item(table, key, klen, 0, [](util_ht_bucket_t *, Item *) { return 1; });
+}
+
+int util_ht_delete(util_ht_t *table, const void *key, uint32_t klen, void **prev, uint32_t *prev_len) noexcept {
+    return with_item(table, key, klen, -1, [&](util_ht_bucket_t *b, Item *it) {
+        void *v = it->value;
+        put_prev(prev, prev_len, v, it->vlen);
+        remove_item(table, b, it);
+        if (prev == nullptr) release_value(table, v);
+        return 0;
+    });
+}
+
+int util_ht_unset(util_ht_t *table, const void *key, uint32_t klen, void **prev, uint32_t *prev_len) noexcept {
+    return with_item(table, key, klen, -1, [&](util_ht_bucket_t *, Item *it) {
+        void *v = it->value;
+        put_prev(prev, prev_len, v, it->vlen);
+        it->value = nullptr;
+        it->vlen = 0;
+        if (prev == nullptr) release_value(table, v);
+        return 0;
+    });
+}
+
+int util_ht_delete_if_equals(util_ht_t *table, const void *key, uint32_t klen, const void *match,
+                             uint32_t match_len) noexcept {
+    return with_item(table, key, klen, -1, [&](util_ht_bucket_t *b, Item *it) {
+        if (!value_equals(it, match, match_len)) return -1;
+        void *v = it->value;
+        remove_item(table, b, it);
+        release_value(table, v);
+        return 0;
+    });
+}
+
+int util_ht_call(util_ht_t *table, const void *key, uint32_t klen, util_ht_call_callback_t cb, void *user) noexcept {
+    if (cb == nullptr) return -1;
+    return with_item(table, key, klen, -1, [&](util_ht_bucket_t *b, Item *it) {
+        int r = cb(table, it->key, it->klen, &it->value, &it->vlen, user);
+        if (r != 1) return r;
+        remove_item(table, b, it);
+        return 0;
+    });
+}
+
+int util_ht_foreach_pair(util_ht_t *table, util_ht_pair_callback_t cb, void *user) noexcept {
+    if (table == nullptr || cb == nullptr) return -1;
+    MutexGuard g(&table->lock);
+    bool stop = false;
+    for (util_ht_bucket_t *b = live_next(table, nullptr); b != nullptr && !stop; b = live_next(table, b)) {
+        MutexGuard bg(&b->lock);
+        for (Item *it = b->first; it != nullptr;) {
+            int r = cb(table, it->key, it->klen, it->value, it->vlen, user);
+            if (r == 1) {
+                it = it->next;
+                continue;
+            }
+            if (r == 0) {
+                stop = true;
+                break;
+            }
+            void *v = it->value;
+            remove_item(table, b, it);
+            release_value(table, v);
+            // Deliberate: after a removal the rest of this bucket is skipped;
+            // callers that remove many items walk again until none goes.
+            stop = r == -2;
+            break;
+        }
+    }
+    return 0;
+}
+
+int util_ht_foreach_key(util_ht_t *table, util_ht_key_callback_t cb, void *user) noexcept {
+    if (cb == nullptr) return -1;
+    struct Ctx {
+        util_ht_key_callback_t cb;
+        void *user;
+    } ctx{cb, user};
+    return util_ht_foreach_pair(
+        table,
+        [](util_ht_t *t, const void *k, uint32_t kl, void *, uint32_t, void *u) {
+            auto *c = static_cast<Ctx *>(u);
+            return c->cb(t, k, kl, c->user);
+        },
+        &ctx);
+}
+
+int util_ht_foreach_value(util_ht_t *table, util_ht_value_callback_t cb, void *user) noexcept {
+    if (cb == nullptr) return -1;
+    struct Ctx {
+        util_ht_value_callback_t cb;
+        void *user;
+    } ctx{cb, user};
+    return util_ht_foreach_pair(
+        table,
+        [](util_ht_t *t, const void *, uint32_t, void *v, uint32_t vl, void *u) {
+            auto *c = static_cast<Ctx *>(u);
+            return c->cb(t, v, vl, c->user);
+        },
+        &ctx);
+}
+
+list_t *util_ht_get_all_keys(util_ht_t *table) noexcept {
+    return snapshot(table, [](const void *k, uint32_t kl, void *, uint32_t vl) -> void * {
+        // One block: the record, then its key copy, freed together.
+        auto *snap = static_cast<util_ht_key_t *>(malloc(sizeof(util_ht_key_t) + kl));
+        if (snap != nullptr) {
+            snap->key = snap + 1;
+            memcpy(snap->key, k, kl);
+            snap->klen = kl;
+            snap->vlen = vl;
+        }
+        return snap;
+    });
+}
+
+list_t *util_ht_get_all_values(util_ht_t *table) noexcept {
+    return snapshot(table, [](const void *k, uint32_t kl, void *v, uint32_t vl) -> void * {
+        auto *snap = static_cast<util_ht_value_t *>(malloc(sizeof(util_ht_value_t)));
+        if (snap != nullptr) *snap = util_ht_value_t{k, kl, v, vl};
+        return snap;
+    });
+}
+
+}  // extern "C"
