@@ -10,21 +10,13 @@
 #include <map>
 #include <string>
 
+#include "../tests/maps/maps_test_util.h"
 #include "containers/maps_internal.h"
 
 namespace {
 
-int32_t lex_cmp(const void *a, uint32_t la, const void *b, uint32_t lb) {
-    int c = memcmp(a, b, la < lb ? la : lb);
-    if (c) return c < 0 ? -1 : 1;
-    return la < lb ? -1 : la > lb ? 1 : 0;
-}
-
-struct LexLess {
-    bool operator()(const std::string &a, const std::string &b) const {
-        return lex_cmp(a.data(), uint32_t(a.size()), b.data(), uint32_t(b.size())) < 0;
-    }
-};
+using maps_test::lex_cmp;
+using maps_test::LexLess;
 
 void check(const char *why) {
     if (why) __builtin_trap();
@@ -37,6 +29,16 @@ void *block(uint8_t tag) {
 }
 
 using Model = std::map<std::string, uint8_t, LexLess>;
+
+// A removal's result and handed-out value against the model, which then
+// forgets the key.
+void removed(int32_t rc, void *out, Model &model, const std::string &key) {
+    auto it = model.find(key);
+    if (rc != (it == model.end() ? -1 : 0)) __builtin_trap();
+    if (out && *static_cast<uint8_t *>(out) != it->second) __builtin_trap();
+    free(out);
+    if (it != model.end()) model.erase(it);
+}
 
 struct Walk {
     const uint8_t *results;
@@ -92,14 +94,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             }
             case 1: {
                 void *out = nullptr;
-                int32_t rc = util_skiplist_remove(sl, key.data(), klen, op & 0x80 ? &out : nullptr);
-                auto it = sl_model.find(key);
-                if (rc != (it == sl_model.end() ? -1 : 0)) __builtin_trap();
-                if (out && *static_cast<uint8_t *>(out) != it->second) __builtin_trap();
-                free(out);
-                if (it != sl_model.end()) sl_model.erase(it);
-                void *hit = util_skiplist_search(sl, key.data(), klen);
-                if (hit) __builtin_trap();
+                removed(util_skiplist_remove(sl, key.data(), klen, op & 0x80 ? &out : nullptr), out, sl_model, key);
+                if (util_skiplist_search(sl, key.data(), klen)) __builtin_trap();
                 break;
             }
             case 2: {
@@ -111,12 +107,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             }
             case 3: {
                 void *out = nullptr;
-                int32_t rc = util_rbt_remove(rbt, key.data(), klen, op & 0x80 ? &out : nullptr);
-                auto it = rbt_model.find(key);
-                if (rc != (it == rbt_model.end() ? -1 : 0)) __builtin_trap();
-                if (out && *static_cast<uint8_t *>(out) != it->second) __builtin_trap();
-                free(out);
-                if (it != rbt_model.end()) rbt_model.erase(it);
+                removed(util_rbt_remove(rbt, key.data(), klen, op & 0x80 ? &out : nullptr), out, rbt_model, key);
                 util_rbt_remove(rbt_builtin, key.data(), klen, nullptr);
                 break;
             }

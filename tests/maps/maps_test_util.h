@@ -16,7 +16,7 @@ namespace maps_test {
 // Fewer model steps under the emulator.
 inline int steps(int host) {
     const char *emu = getenv("KERM_TEST_EMULATOR");
-    return emu && *emu ? host / 8 : host;
+    return emu && *emu ? host / 2 : host;
 }
 
 // Byte order, then shorter first: a strict weak order std::map can share.
