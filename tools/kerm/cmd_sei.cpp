@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
 #include <string>
 #include <vector>
 
@@ -251,6 +252,8 @@ bool stamp_frame(Bytes &f, uint32_t idx, bool key, const StampOptions &o, Stamp 
     return true;
 }
 
+int stamp_all(const Bytes &in, const std::vector<Frame> &frames, const StampOptions &o, FILE *out, FILE *man);
+
 int run_stamp(int argc, char **argv) {
     StampOptions o;
     bool codec_given = false;
@@ -295,6 +298,23 @@ int run_stamp(int argc, char **argv) {
         return 1;
     }
     int rc = 0;
+    try {
+        rc = stamp_all(in, frames, o, out, man);
+    } catch (const std::bad_alloc &) {
+        // No half-stamped output is left behind.
+        fclose(out);
+        if (man) fclose(man);
+        remove(o.out);
+        throw;
+    }
+    if (fclose(out) != 0 || rc != 0) rc = 1;
+    if (man && fclose(man) != 0) rc = 1;
+    if (rc == 0) fprintf(stderr, "kerm sei: stamped %zu frames\n", frames.size());
+    return rc;
+}
+
+int stamp_all(const Bytes &in, const std::vector<Frame> &frames, const StampOptions &o, FILE *out, FILE *man) {
+    int rc = 0;
     for (size_t i = 0; i < frames.size() && rc == 0; ++i) {
         Bytes f(in.begin() + static_cast<long>(frames[i].begin), in.begin() + static_cast<long>(frames[i].end));
         Stamp s;
@@ -317,9 +337,6 @@ int run_stamp(int argc, char **argv) {
             fputs("}\n", man);
         }
     }
-    if (fclose(out) != 0 || rc != 0) rc = 1;
-    if (man && fclose(man) != 0) rc = 1;
-    if (rc == 0) fprintf(stderr, "kerm sei: stamped %zu frames\n", frames.size());
     return rc;
 }
 
@@ -478,6 +495,18 @@ int run_dump(int argc, char **argv) {
     return frames.empty() ? 1 : 0;
 }
 
+// Input, frames and their copies live in memory; when it runs short the
+// command ends with a message and status 1, never on an uncaught exception.
+template <class Fn>
+int or_out_of_memory(Fn fn) {
+    try {
+        return fn();
+    } catch (const std::bad_alloc &) {
+        fprintf(stderr, "kerm sei: out of memory (the input does not fit the memory available)\n");
+        return 1;
+    }
+}
+
 int run_sei(int argc, char **argv) {
     // The library's SEI lines go to standard output; keep it for the dump
     // unless asked.
@@ -491,8 +520,8 @@ int run_sei(int argc, char **argv) {
     if (g_verbose) vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x53, VASK_LOG_VERBOSE);
     vask_log_control(LOG_CTRL_ENABLE, g_verbose, 0);
     const int n = static_cast<int>(args.size());
-    if (n >= 2 && strcmp(args[1], "stamp") == 0) return run_stamp(n - 1, args.data() + 1);
-    if (n >= 2 && strcmp(args[1], "dump") == 0) return run_dump(n - 1, args.data() + 1);
+    if (n >= 2 && strcmp(args[1], "stamp") == 0) return or_out_of_memory([&] { return run_stamp(n - 1, args.data() + 1); });
+    if (n >= 2 && strcmp(args[1], "dump") == 0) return or_out_of_memory([&] { return run_dump(n - 1, args.data() + 1); });
     usage(n >= 2 && strcmp(args[1], "--help") == 0 ? stdout : stderr);
     return n >= 2 && strcmp(args[1], "--help") == 0 ? 0 : 2;
 }
