@@ -12,6 +12,9 @@
 #include "kerm_hms.h"
 
 namespace kerm::hms {
+
+std::atomic<void (*)(vask_hms_client *)> g_before_wait_hook{nullptr};
+
 namespace {
 
 constexpr const char *kFile = "utility/hms/kerm_hms";
@@ -201,12 +204,38 @@ void restart_state(vask_hms_client *c) noexcept {
     store8(&c->restart_req, 0);
 }
 
+// Sleeps until `until` (monotonic) or until destroy's signal. The worker runs
+// with SIGUSR1 blocked from its first instruction (start blocks it around
+// pthread_create), so a signal sent at any moment, also between the stop
+// check and this wait, stays pending until the wait takes it: the wake-up
+// cannot be missed. Another signal's handler repeats the wait while the stop
+// byte is 0.
+void wait_until(vask_hms_client *c, const struct timespec &until) noexcept {
+    sigset_t wake;
+    sigemptyset(&wake);
+    sigaddset(&wake, SIGUSR1);
+    while (load8(&c->stop_req) == 0) {
+        struct timespec now;
+        if (clock_gettime(CLOCK_MONOTONIC, &now) != 0 || !ts_later(until, now)) return;
+        struct timespec left{until.tv_sec - now.tv_sec, until.tv_nsec - now.tv_nsec};
+        if (left.tv_nsec < 0) {
+            left.tv_sec -= 1;
+            left.tv_nsec += kNsPerSec;
+        }
+        const int sig = sigtimedwait(&wake, nullptr, &left);
+        if (sig == SIGUSR1) return;
+        if (sig < 0 && errno != EINTR && errno != EAGAIN) return;
+    }
+}
+
 void *hms_client_task(void *arg) {
     auto *c = static_cast<vask_hms_client *>(arg);
     t_worker_client = c;
     prctl(PR_SET_NAME, "hms_ctx_thread");
-    usleep(c->cfg.start_delay_us);
     struct timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    ts_add_us(&now, c->cfg.start_delay_us);
+    wait_until(c, now);
     clock_gettime(CLOCK_MONOTONIC, &now);
     sem_wait_nointr(&c->timer_lock);
     c->wake = now;
@@ -215,17 +244,15 @@ void *hms_client_task(void *arg) {
     uint8_t msg[kMsgBuffer];
     while (load8(&c->stop_req) == 0) {
         rearm(c);
-        int rc;
-        // Only a -1/EINTR report repeats the sleep. clock_nanosleep returns its
-        // error itself, so any signal, destroy's above all, ends the wait.
-        do {
-            rc = clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &c->wake, nullptr);
-        } while (rc == -1 && errno == EINTR && load8(&c->stop_req) == 0);
+        if (auto hook = g_before_wait_hook.load(std::memory_order_acquire)) hook(c);
+        // The wake time is written only by this thread; the timer lock keeps
+        // it consistent for readers.
+        wait_until(c, c->wake);
         if (load8(&c->suspended) != 0) continue;
         if (load8(&c->restart_req) != 0) restart_state(c);
         hms_err_detect(c);
         if (load8(&c->cycle_busy) == 0) {
-            rc = vask_hms_data_client_sync(&c->data, &c->pool);
+            const int32_t rc = vask_hms_data_client_sync(&c->data, &c->pool);
             if (rc != 0) KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "hms_err_sync failed: %d\n", rc);
         }
         const uint16_t len = pack_report(c, msg);
@@ -310,7 +337,16 @@ extern "C" int32_t vask_hms_start_client(vask_hms_client *c) noexcept {
         return KERM_ERR_EXHAUSTED;
     }
     c->period_now = c->cfg.period_us;
-    return pthread_create(&c->thread, nullptr, hms_client_task, c);
+    // The worker inherits the blocked SIGUSR1 (see wait_until).
+    sigset_t wake, old;
+    sigemptyset(&wake);
+    sigaddset(&wake, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &wake, &old);
+    rc = pthread_create(&c->thread, nullptr, hms_client_task, c);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    // No worker: destroy must not join whatever a failed create left here.
+    if (rc != 0) memset(&c->thread, 0, sizeof c->thread);
+    return rc;
 }
 
 extern "C" int32_t vask_hms_suspend_client(vask_hms_client *c) noexcept {

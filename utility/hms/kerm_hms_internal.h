@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include <atomic>
+
 #include "kerm_hms.h"
 
 // Record sizes on the 32-bit target; other widths derive from the pointer size.
@@ -45,6 +47,11 @@ vask_hms_node *hms_node_take(vask_hms_pool *pool) noexcept;
 
 // Gives a node back at the pool's tail under the pool lock.
 int32_t hms_node_give(vask_hms_pool *pool, vask_hms_node *n) noexcept;
+
+// Test hook: when set, the worker calls it after the stop check of each tick,
+// right before it waits, so a test can make destroy's signal land exactly
+// there. Never set outside tests.
+extern std::atomic<void (*)(vask_hms_client *)> g_before_wait_hook;
 
 }  // namespace kerm::hms
 
