@@ -81,6 +81,17 @@ struct CodecRules {
         if (h265) return (t >= 32 && t <= 35) || t == 39 || (t >= 41 && t <= 44) || (t >= 48 && t <= 55);
         return (t >= 6 && t <= 9) || (t >= 14 && t <= 18);
     }
+    // A NAL header this codec defines for a single-layer stream. The other
+    // codec's headers fail early: every H.264 slice and parameter set has
+    // bit 0 set (a non-zero H.265 layer id), and H.265 parameter sets and
+    // trailing pictures read as H.264 types 0 and 2-4, which no stream that
+    // this tool stamps carries.
+    bool plausible(const Bytes &b, size_t hdr) const {
+        if ((b[hdr] & 0x80) != 0) return false;
+        if (h265) return hdr + 1 < b.size() && (b[hdr] & 1) == 0 && (b[hdr + 1] >> 3) == 0 && (b[hdr + 1] & 7) != 0;
+        const unsigned t = b[hdr] & 0x1F;
+        return t == 1 || (t >= 5 && t <= 23);
+    }
     // first_mb_in_slice == 0 / first_slice_segment_in_pic_flag
     bool first_slice(const Bytes &b, size_t hdr) const {
         const size_t at = hdr + (h265 ? 2 : 1);
@@ -195,6 +206,9 @@ bool stamp_frame(Bytes &f, uint32_t idx, bool key, const StampOptions &o, Stamp 
         m.camera_id = 2;
         m.codec_info_on = 1;
         m.frm_tar_len = static_cast<uint16_t>(video);
+        if (video > UINT16_MAX)
+            fprintf(stderr, "kerm sei: frame %u: %u bytes wrap the 16-bit live-view target length (stored %u)\n", idx,
+                    video, m.frm_tar_len);
         m.module_info_on = 1;
         uint32_t lv_len = 0, dummy = 0;
         if (wl_enc_lvstream_sei(f.data() + pos, codec, room(), pos, &m, &lv_len, &dummy) != 0) return false;
@@ -285,6 +299,15 @@ int run_stamp(int argc, char **argv) {
     }
     Bytes in;
     if (!read_file(o.in, &in)) return 1;
+    // Stamping the other codec's stream would write units its decoder
+    // cannot place: refuse it whole.
+    for (const Nal &n : scan_nals(in)) {
+        if (n.hdr < in.size() && !CodecRules{o.h265}.plausible(in, n.hdr)) {
+            fprintf(stderr, "kerm sei: %s is not an %s stream (NAL header %02x at offset %zu); check --codec\n", o.in,
+                    o.h265 ? "H.265" : "H.264", in[n.hdr], n.hdr);
+            return 1;
+        }
+    }
     const std::vector<Frame> frames = split_access_units(in, CodecRules{o.h265});
     if (frames.empty()) {
         fprintf(stderr, "kerm sei: no access units in %s\n", o.in);
