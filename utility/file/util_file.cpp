@@ -138,7 +138,12 @@ KERM_API int32_t vask_mmap_file_open(uint32_t mode, const char *path, uint32_t s
     }
     file->fd = fd;
     file->path = path;
-    file->mode = static_cast<uint8_t>(write_mode ? VASK_MMAP_FILE_WRITE : VASK_MMAP_FILE_READ);
+    // The record keeps the mode as given (its low byte). Deliberate: a
+    // read-mode value whose low byte reads as write mode (0x102) is kept as
+    // VASK_MMAP_FILE_READ, or write and close would treat a read-only
+    // mapping as writable and cut the file.
+    const uint8_t kept = static_cast<uint8_t>(mode);
+    file->mode = !write_mode && kept == VASK_MMAP_FILE_WRITE ? static_cast<uint8_t>(VASK_MMAP_FILE_READ) : kept;
     file->base = static_cast<uint8_t *>(base);
     file->size = size;
     file->used = 0;
