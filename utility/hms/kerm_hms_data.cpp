@@ -49,7 +49,7 @@ vask_hms_node *hms_node_take(vask_hms_pool *pool) noexcept {
 }
 
 int32_t hms_node_give(vask_hms_pool *pool, vask_hms_node *n) noexcept {
-    if (pool == nullptr && n == nullptr) return KERM_ERR_PARAM;
+    if (pool == nullptr || n == nullptr) return KERM_ERR_PARAM;
     sem_wait_nointr(&pool->lock);
     list_append(pool->free_list, n);
     sem_post(&pool->lock);

@@ -45,7 +45,8 @@ vask_hms_node *hms_list_find(vask_hms_list *l, const vask_hms_err *key) noexcept
 // Takes the pool's first node (caller holds the pool lock); nullptr when empty.
 vask_hms_node *hms_node_take(vask_hms_pool *pool) noexcept;
 
-// Gives a node back at the pool's tail under the pool lock.
+// Gives a node back at the pool's tail under the pool lock; -1003 when
+// either is null.
 int32_t hms_node_give(vask_hms_pool *pool, vask_hms_node *n) noexcept;
 
 // Test hook: when set, the worker calls it after the stop check of each tick,
