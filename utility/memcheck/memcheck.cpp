@@ -7,6 +7,7 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include "common/kerm_guard.h"
 #include "common/kerm_internal.h"
 #include "log/android_backend.h"
 
@@ -108,6 +109,9 @@ KERM_API void *ut_realloc(void *ptr, uint32_t size, const char *file, uint32_t l
 
 KERM_API int32_t ut_memory_dumpleak(void) noexcept {
     int32_t reported = 0;
+    // Under the lock: a release on another thread cannot free the block the
+    // walk stands on.
+    kerm::MutexGuard hold(&g_lock);
     for (BlockHeader *h = g_head; h != nullptr; h = h->next) {
         const int32_t size = recorded_size(h);
         if (size < 0) continue;
@@ -122,6 +126,8 @@ KERM_API int32_t ut_memory_dumpleak(void) noexcept {
     return reported;
 }
 
+// Deliberate: no lock, as callers expect of a check made when the process is
+// quiescent (at exit); a block being released shows a negative size.
 KERM_API int32_t ut_memory_checkleak(void) noexcept {
     for (const BlockHeader *h = g_head; h != nullptr; h = h->next)
         if (recorded_size(h) >= 0) return -1;
