@@ -34,9 +34,10 @@
 // warms lazily made state such as stdio buffers and the time zone), then
 // k = 1, 2, ... until a run in which the operation made fewer than k calls,
 // i.e. completed with every allocation granted. An operation that must not
-// allocate at all asserts `a.calls() == 0`. Where a family's description
-// says an allocation result is not checked, say so in the family's public
-// header and leave that operation out.
+// allocate at all asserts `a.calls() == 0`. Where a family deliberately
+// leaves an allocation result unchecked, say so in the family's public header
+// and leave that operation out.
+
 #ifndef KERM_TEST_ALLOC_FAIL_H
 #define KERM_TEST_ALLOC_FAIL_H
 
