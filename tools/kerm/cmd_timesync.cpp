@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,8 +51,21 @@ bool device_usable() {
     const bool ok = fstat(fd, &st) == 0 &&
                     (!S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) >= VASK_SYNC_PHYS_ADDR + VASK_SYNC_SIZE);
     close(fd);
-    if (!ok) fprintf(stderr, "kerm timesync: %s does not reach the time-sync block at 0x%X\n", path, VASK_SYNC_PHYS_ADDR);
-    return ok;
+    if (!ok) {
+        fprintf(stderr, "kerm timesync: %s does not reach the time-sync block at 0x%X\n", path, VASK_SYNC_PHYS_ADDR);
+        return false;
+    }
+    // Whatever the kind of file (a link to /dev/null, a FIFO), the block must
+    // map: the library hands out a handle whose mapping failed.
+    vask_shmem *h = vask_util_create_shmem(VASK_SYNC_PHYS_ADDR, VASK_SYNC_SIZE);
+    if (h == nullptr) {
+        fprintf(stderr, "kerm timesync: out of memory\n");
+        return false;
+    }
+    const bool mapped = h->base != MAP_FAILED;
+    vask_util_release_shmem(h);
+    if (!mapped) fprintf(stderr, "kerm timesync: cannot map the time-sync block through %s\n", path);
+    return mapped;
 }
 
 void print_offset(vask_shmem *h) {
