@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -15,7 +16,7 @@ namespace lftest {
 inline int scaled(int n) {
     int div = 1;
     if (getenv("KERM_TEST_EMULATOR")) div *= 8;
-#if defined(__SANITIZE_THREAD__)
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     div *= 4;
 #elif defined(__has_feature)
 #if __has_feature(thread_sanitizer)
@@ -32,10 +33,17 @@ inline void *value_of(int thread, int seq) {
 inline int thread_of(void *v) { return static_cast<int>((reinterpret_cast<uintptr_t>(v) >> 20) - 1); }
 inline int seq_of(void *v) { return static_cast<int>((reinterpret_cast<uintptr_t>(v) & 0xFFFFF) - 1); }
 
+// Runs f(thread index) on n threads that start together.
 template <class F>
 void run_threads(int n, F &&f) {
+    std::atomic<int> arrived{0};
     std::vector<std::thread> threads;
-    for (int t = 0; t < n; ++t) threads.emplace_back(f, t);
+    for (int t = 0; t < n; ++t)
+        threads.emplace_back([&, t] {
+            arrived.fetch_add(1);
+            while (arrived.load() < n) std::this_thread::yield();
+            f(t);
+        });
     for (auto &th : threads) th.join();
 }
 

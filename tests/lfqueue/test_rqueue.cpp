@@ -249,8 +249,10 @@ TEST_F(RqueueTest, ThreadedOverwriteAccountsForEveryValue) {
 // queue, so it runs full and empty; each must be linearizable.
 TEST_F(RqueueTest, HistoriesAreLinearizable) {
     const int rounds = lftest::scaled(150), ops_per_thread = 70;
+    util_rqueue_t *q = util_rqueue_create(4, UTIL_RQUEUE_MODE_BLOCKING);
     for (int round = 0; round < rounds; ++round) {
-        util_rqueue_t *q = util_rqueue_create(4, UTIL_RQUEUE_MODE_BLOCKING);
+        while (util_rqueue_read(q)) {
+        }
         lincheck::Recorder rec(3);
         lftest::run_threads(3, [&](int t) {
             std::mt19937 rng(round * 3 + t);
@@ -268,8 +270,8 @@ TEST_F(RqueueTest, HistoriesAreLinearizable) {
         model.capacity = 4;
         auto history = rec.history();
         ASSERT_TRUE(lincheck::check(history, model)) << "round " << round << ", history:\n" << lincheck::format(history);
-        util_rqueue_destroy(q);
     }
+    util_rqueue_destroy(q);
 }
 
 TEST(LincheckTest, RejectsHistoriesNoOrderExplains) {

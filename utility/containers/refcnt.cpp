@@ -93,10 +93,35 @@ void collect(util_refcnt_t *ctx, uint64_t limit) {
     if (outer) t_collecting = false;
 }
 
-void retire(util_refcnt_t *ctx, util_refcnt_node_t *n) {
+void retire_now(util_refcnt_t *ctx, util_refcnt_node_t *n) {
+    // The node reaches the garbage queue only after its terminate callback
+    // returned: a collector elsewhere must not free what it still uses.
     if (ctx->terminate) ctx->terminate(n, n->argument.load(std::memory_order_relaxed));
     // A full garbage queue does not lose the node: it is collected now.
     if (kerm::rqueue_write_budget(ctx->garbage, n, kWriteAttempts) != 0) collect_node(ctx, n);
+}
+
+// Retirements caused by a terminate callback (a node dropping its links to
+// other nodes) wait here and are run by the outermost retirement on this
+// thread, so a long chain of nodes retires in a loop, not in deep recursion.
+constexpr int kDeferred = 256;
+thread_local util_refcnt_t *t_retiring_ctx = nullptr;
+thread_local util_refcnt_node_t *t_deferred[kDeferred];
+thread_local int t_deferred_count = 0;
+
+void retire(util_refcnt_t *ctx, util_refcnt_node_t *n) {
+    if (t_retiring_ctx == ctx && t_deferred_count < kDeferred) {
+        t_deferred[t_deferred_count++] = n;
+        return;
+    }
+    if (t_retiring_ctx) {  // another context, or the list is full
+        retire_now(ctx, n);
+        return;
+    }
+    t_retiring_ctx = ctx;
+    retire_now(ctx, n);
+    while (t_deferred_count > 0) retire_now(ctx, t_deferred[--t_deferred_count]);
+    t_retiring_ctx = nullptr;
 }
 
 }  // namespace
@@ -113,6 +138,8 @@ bool refcnt_swing(util_refcnt_t *context, util_refcnt_node_t **link, uintptr_t e
     }
     return true;
 }
+
+bool refcnt_retired(util_refcnt_node_t *node) noexcept { return node && node->retiring.load() == 1; }
 
 }  // namespace kerm
 

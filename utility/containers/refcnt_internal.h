@@ -13,6 +13,9 @@ namespace kerm {
 // retire). Marks in either word are kept in the link and ignored for counts.
 bool refcnt_swing(util_refcnt_t *context, util_refcnt_node_t **link, uintptr_t expected, uintptr_t node) noexcept;
 
+// True once the node has been retired (until a new_node reuses its record).
+bool refcnt_retired(util_refcnt_node_t *node) noexcept;
+
 }  // namespace kerm
 
 #endif
