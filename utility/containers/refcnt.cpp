@@ -64,10 +64,12 @@ void add_ref(util_refcnt_node_t *n) {
     if (n) n->count.fetch_add(1);
 }
 
-void drop_count(util_refcnt_node_t *n) {
+// Lowers a non-zero count by one; returns the count left.
+uint32_t drop_count(util_refcnt_node_t *n) {
     uint32_t c = n->count.load();
     while (c != 0 && !n->count.compare_exchange_weak(c, c - 1)) {
     }
+    return c == 0 ? 0 : c - 1;
 }
 
 void keep_refused(util_refcnt_t *ctx, util_refcnt_node_t *n) {
@@ -249,9 +251,9 @@ KERM_API util_refcnt_node_t *retain_ref(util_refcnt_t *, util_refcnt_node_t *nod
 KERM_API util_refcnt_node_t *release_ref(util_refcnt_t *context, util_refcnt_node_t *node) noexcept {
     if (!context || !node) return nullptr;
     node = node_at(bits(node));
-    drop_count(node);
     bool retired = false;
-    for (;;) {
+    // Others still hold it: only the release that leaves zero decides.
+    for (bool decide = drop_count(node) == 0; decide;) {
         uint8_t idle = 0;
         if (!node->retiring.compare_exchange_strong(idle, 1)) break;  // another release decides
         if (node->count.load() == 0) {
@@ -264,7 +266,7 @@ KERM_API util_refcnt_node_t *release_ref(util_refcnt_t *context, util_refcnt_nod
         // the count at zero: decide again rather than leave the node stranded.
         if (node->count.load() != 0) break;
     }
-    if (!t_collecting && kerm::rqueue_pending(context->garbage) > context->threshold)
+    if (kerm::rqueue_pending(context->garbage) > context->threshold && !t_collecting)
         collect(context, context->threshold / 2);
     return retired ? nullptr : node;
 }

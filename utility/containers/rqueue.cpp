@@ -25,6 +25,7 @@ namespace {
 
 constexpr uint32_t kAttempts = 1000;
 constexpr uint32_t kMinSize = 3;
+constexpr unsigned kSpins = 64;
 constexpr uintptr_t kMark = 1;  // on next: the following page is the head
 constexpr uintptr_t kBit1 = 2;  // never set here; cleared whenever a pointer is followed
 
@@ -60,13 +61,20 @@ static_assert(std::atomic<uint64_t>::is_always_lock_free, "64-bit counters must 
 
 namespace {
 
+// Test before test-and-set: a busy flag is only read, so waiting threads
+// do not pull its cache line away from the holder.
 bool try_flag(std::atomic<uint32_t> &flag) {
     uint32_t expected = 0;
-    return flag.compare_exchange_strong(expected, 1);
+    return flag.load(std::memory_order_relaxed) == 0 && flag.compare_exchange_strong(expected, 1);
 }
 
+// A writer holds the flag for a few dozen instructions: spin briefly, then
+// yield so that a holder that lost its processor can finish.
 void take_write_flag(util_rqueue *q) {
-    while (!try_flag(q->write_flag)) sched_yield();
+    for (unsigned spins = 0; !try_flag(q->write_flag); ++spins) {
+        if (spins < kSpins) kerm::cpu_relax();
+        else sched_yield();
+    }
     q->writers.fetch_add(1);
 }
 

@@ -18,6 +18,15 @@ uint64_t rqueue_pending(util_rqueue_t *queue) noexcept;
 // The free-value callback that hands each value to free().
 void rqueue_free_value(void *value, void *new_value) noexcept;
 
+// Tells the processor this is a spin-wait loop.
+inline void cpu_relax() noexcept {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__arm__) || defined(__aarch64__)
+    __asm__ __volatile__("yield");
+#endif
+}
+
 }  // namespace kerm
 
 #endif
