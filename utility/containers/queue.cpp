@@ -27,6 +27,7 @@
 #include <sched.h>
 #include <stdlib.h>
 #include <string.h>
+#include <stdio.h>
 
 #include <atomic>
 
@@ -111,6 +112,14 @@ struct Ctx {
                     last = nullptr;
                 } else {
                     prev2 = read_del(prev_of(prev));
+                    if (!prev2) {
+                        fprintf(stderr, "DBG prev=%p head=%d tail=%d count=%u retired=%d prevlink=%p nextlink=%p\n", (void*)prev,
+                          prev == entry(prev)->queue->head->node, prev == entry(prev)->queue->tail->node,
+                          get_node_refcount(prev), (int)kerm::refcnt_retired(prev), (void*)load(prev_of(prev)), (void*)load(next_of(prev)));
+                        uintptr_t pl = load(prev_of(prev));
+                        if (pl) fprintf(stderr, "DBG pp count=%u retired=%d\n", get_node_refcount(node_at(pl)), (int)kerm::refcnt_retired(node_at(pl)));
+                        abort();
+                    }
                     release(prev);
                     prev = prev2;
                 }
@@ -192,40 +201,29 @@ util_queue_entry *make_entry(util_queue_t *q, void *value) {
     return e;
 }
 
-int32_t push_left(util_queue_t *q, void *value) {
+// Links a new entry between prev and next. At the left end prev is the head
+// and a moved next is simply read again; at the right end next is the tail
+// and the live entry before it is found by help_insert.
+int32_t push(util_queue_t *q, void *value, bool left) {
     util_queue_entry *e = make_entry(q, value);
     if (!e) return -1;
     const Ctx c{q->refcnt};
-    Node *node = e->node;
-    Node *prev = c.copy(head_node(q));
-    Node *next = c.read(next_of(prev));
-    for (;;) {
-        if (load(next_of(prev)) != bits(next)) {
-            c.release(next);
-            next = c.read(next_of(prev));
-            continue;
-        }
-        store_ref(c.rc, prev_of(node), prev);
-        store_ref(c.rc, next_of(node), next);
-        if (c.swing(next_of(prev), bits(next), bits(node))) break;
-        backoff();
+    Node *node = e->node, *prev, *next;
+    if (left) {
+        prev = c.copy(head_node(q));
+        next = c.read(next_of(prev));
+    } else {
+        next = c.copy(tail_node(q));
+        prev = c.read(prev_of(next));
     }
-    c.push_end(node, next);
-    c.release(prev);
-    count_of(q).fetch_add(1);
-    return 0;
-}
-
-int32_t push_right(util_queue_t *q, void *value) {
-    util_queue_entry *e = make_entry(q, value);
-    if (!e) return -1;
-    const Ctx c{q->refcnt};
-    Node *node = e->node;
-    Node *next = c.copy(tail_node(q));
-    Node *prev = c.read(prev_of(next));
     for (;;) {
         if (load(next_of(prev)) != bits(next)) {
-            prev = c.help_insert(prev, next);
+            if (left) {
+                c.release(next);
+                next = c.read(next_of(prev));
+            } else {
+                prev = c.help_insert(prev, next);
+            }
             continue;
         }
         store_ref(c.rc, prev_of(node), prev);
@@ -393,11 +391,11 @@ KERM_API void util_queue_set_free_value_callback(util_queue_t *queue,
 KERM_API uint32_t util_queue_count(util_queue_t *queue) noexcept { return queue ? count_of(queue).load() : 0; }
 
 KERM_API int32_t util_queue_push_left(util_queue_t *queue, void *value) noexcept {
-    return queue && queue->refcnt ? push_left(queue, value) : -1;
+    return queue && queue->refcnt ? push(queue, value, true) : -1;
 }
 
 KERM_API int32_t util_queue_push_right(util_queue_t *queue, void *value) noexcept {
-    return queue && queue->refcnt ? push_right(queue, value) : -1;
+    return queue && queue->refcnt ? push(queue, value, false) : -1;
 }
 
 KERM_API void *util_queue_pop_left(util_queue_t *queue) noexcept {
