@@ -27,7 +27,6 @@
 #include <sched.h>
 #include <stdlib.h>
 #include <string.h>
-#include <stdio.h>
 
 #include <atomic>
 
@@ -112,14 +111,6 @@ struct Ctx {
                     last = nullptr;
                 } else {
                     prev2 = read_del(prev_of(prev));
-                    if (!prev2) {
-                        fprintf(stderr, "DBG prev=%p head=%d tail=%d count=%u retired=%d prevlink=%p nextlink=%p\n", (void*)prev,
-                          prev == entry(prev)->queue->head->node, prev == entry(prev)->queue->tail->node,
-                          get_node_refcount(prev), (int)kerm::refcnt_retired(prev), (void*)load(prev_of(prev)), (void*)load(next_of(prev)));
-                        uintptr_t pl = load(prev_of(prev));
-                        if (pl) fprintf(stderr, "DBG pp count=%u retired=%d\n", get_node_refcount(node_at(pl)), (int)kerm::refcnt_retired(node_at(pl)));
-                        abort();
-                    }
                     release(prev);
                     prev = prev2;
                 }

@@ -11,6 +11,10 @@
 // check then saw our stale reference, is caught by re-checking the count
 // after the flag is dropped; the flag stays set once a node is retired, so no
 // node retires twice.
+//
+// A link's reference on its new node is taken before the link is changed,
+// not after: otherwise another thread could replace the link at once and
+// release a reference that was never taken, retiring a node still in use.
 #include <stdlib.h>
 
 #include <atomic>
@@ -131,13 +135,15 @@ void retire(util_refcnt_t *ctx, util_refcnt_node_t *n) {
 namespace kerm {
 
 bool refcnt_swing(util_refcnt_t *context, util_refcnt_node_t **link, uintptr_t expected, uintptr_t node) noexcept {
-    auto *want = node_at(expected);
+    auto *want = node_at(expected), *put = node_at(node);
     util_refcnt_node_t *exp = reinterpret_cast<util_refcnt_node_t *>(expected);
-    if (!link_of(link).compare_exchange_strong(exp, reinterpret_cast<util_refcnt_node_t *>(node))) return false;
-    if (node_at(node) != want) {
-        add_ref(node_at(node));
-        if (want) release_ref(context, want);
+    if (put == want) return link_of(link).compare_exchange_strong(exp, reinterpret_cast<util_refcnt_node_t *>(node));
+    add_ref(put);  // before the node is reachable through the link
+    if (!link_of(link).compare_exchange_strong(exp, reinterpret_cast<util_refcnt_node_t *>(node))) {
+        if (put) drop_count(put);  // the caller still holds its own reference
+        return false;
     }
+    if (want) release_ref(context, want);
     return true;
 }
 
@@ -273,8 +279,8 @@ KERM_API util_refcnt_node_t *release_ref(util_refcnt_t *context, util_refcnt_nod
 
 KERM_API void store_ref(util_refcnt_t *context, util_refcnt_node_t **link, util_refcnt_node_t *node) noexcept {
     if (!context || !link) return;
-    util_refcnt_node_t *old = link_of(link).exchange(node);
     add_ref(node_at(bits(node)));
+    util_refcnt_node_t *old = link_of(link).exchange(node);
     if (node_at(bits(old))) release_ref(context, old);
 }
 
@@ -282,8 +288,11 @@ KERM_API int32_t compare_and_swap_ref(util_refcnt_t *context, util_refcnt_node_t
                                       util_refcnt_node_t *expected, util_refcnt_node_t *node) noexcept {
     if (!context || !link) return 0;
     util_refcnt_node_t *exp = expected;
-    if (!link_of(link).compare_exchange_strong(exp, node)) return 0;
     add_ref(node_at(bits(node)));
+    if (!link_of(link).compare_exchange_strong(exp, node)) {
+        if (node_at(bits(node))) drop_count(node_at(bits(node)));
+        return 0;
+    }
     if (node_at(bits(expected))) drop_count(node_at(bits(expected)));
     return 1;
 }
