@@ -24,7 +24,6 @@
 // Pops no longer yield once at their end, and a lost compare-and-swap is
 // followed by a short spin rather than a yield (the yield cost more than the
 // contention it eased). Single-threaded results are unchanged.
-#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
 
