@@ -55,6 +55,10 @@ KERM_UTIL_ROOT="$work/root" "$kerm" timesync set-delta 40000000
 KERM_UTIL_ROOT="$work/root" "$kerm" timesync show
 echo "local 41000000 us -> SSFN $(KERM_UTIL_ROOT="$work/root" "$kerm" timesync to-ssfn 41000000) ms"
 
+echo
+echo "== lock-free queues: two producers, two consumers, every job back exactly once"
+"$build/examples/example_queue_producer_consumer"
+
 if command -v ffmpeg >/dev/null 2>&1; then
   echo
   echo "== kerm sei: stamp a short H.264 clip with the device's SEI tail, then read it back"

@@ -1,0 +1,52 @@
+// Shared helpers of the lock-free queue suites. Not installed.
+#ifndef KERM_TEST_LF_UTIL_H
+#define KERM_TEST_LF_UTIL_H
+
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace lftest {
+
+// Iteration counts shrink under the 32-bit emulator and ThreadSanitizer,
+// where every atomic costs many times more; the interleavings stay varied.
+inline int scaled(int n) {
+    int div = 1;
+    if (getenv("KERM_TEST_EMULATOR")) div *= 8;
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    div *= 4;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+    div *= 4;
+#endif
+#endif
+    return n / div > 0 ? n / div : 1;
+}
+
+// Distinct non-zero values: thread in the high bits, sequence below.
+inline void *value_of(int thread, int seq) {
+    return reinterpret_cast<void *>(static_cast<uintptr_t>(thread + 1) << 20 | static_cast<uintptr_t>(seq + 1));
+}
+inline int thread_of(void *v) { return static_cast<int>((reinterpret_cast<uintptr_t>(v) >> 20) - 1); }
+inline int seq_of(void *v) { return static_cast<int>((reinterpret_cast<uintptr_t>(v) & 0xFFFFF) - 1); }
+
+// Runs f(thread index) on n threads that start together.
+template <class F>
+void run_threads(int n, F &&f) {
+    std::atomic<int> arrived{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < n; ++t)
+        threads.emplace_back([&, t] {
+            arrived.fetch_add(1);
+            while (arrived.load() < n) std::this_thread::yield();
+            f(t);
+        });
+    for (auto &th : threads) th.join();
+}
+
+}  // namespace lftest
+
+#endif

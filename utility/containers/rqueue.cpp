@@ -1,0 +1,328 @@
+// Ring queue: a fixed ring of pages plus one spare page that a read swaps in
+// place of the head page, so a value never moves and nothing is allocated
+// after creation.
+//
+// A page's next pointer with bit 0 set says "the page after me is the head":
+// writers claim pages up to that mark, the reader takes pages up to commit
+// (the page last written). Writers share a spin flag, readers another; an
+// overwriting writer also takes the read flag while it moves the head.
+//
+// All pages (ring and spare) come from one allocation: creation either fully
+// succeeds or leaves nothing behind, and destruction frees one block. The
+// ring is closed in both directions, so the first read can splice the spare
+// page in behind the first page; the spare page itself starts with no prev.
+#include <sched.h>
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <new>
+
+#include "containers/rqueue_internal.h"
+#include "kerm_rqueue.h"
+
+namespace {
+
+constexpr uint32_t kAttempts = 1000;
+constexpr uint32_t kMinSize = 3;
+constexpr unsigned kSpins = 64;
+constexpr uintptr_t kMark = 1;  // on next: the following page is the head
+constexpr uintptr_t kBit1 = 2;  // never set here; cleared whenever a pointer is followed
+
+struct Page {
+    std::atomic<uintptr_t> value{0};  // 0: empty page
+    std::atomic<uintptr_t> next{0};   // page address, bit 0 = mark
+    std::atomic<uintptr_t> prev{0};   // page address
+};
+
+uintptr_t word(const Page *p) { return reinterpret_cast<uintptr_t>(p); }
+Page *page_at(uintptr_t w) { return reinterpret_cast<Page *>(w & ~(kMark | kBit1)); }
+
+}  // namespace
+
+struct util_rqueue {
+    std::atomic<Page *> head{nullptr};    // oldest unread value
+    std::atomic<Page *> tail{nullptr};    // next page a writer claims
+    std::atomic<Page *> commit{nullptr};  // page last written and published
+    std::atomic<Page *> reader{nullptr};  // spare page outside the ring
+    std::atomic<util_rqueue_free_value_callback_t> free_value{nullptr};
+    uint32_t size = 0;   // recorded size, at least 3
+    uint32_t pages = 0;  // ring pages: requested size + 1
+    std::atomic<int32_t> mode{UTIL_RQUEUE_MODE_BLOCKING};
+    std::atomic<uint64_t> writes{0};
+    std::atomic<uint64_t> reads{0};
+    std::atomic<uint32_t> read_flag{0};
+    std::atomic<uint32_t> write_flag{0};
+    std::atomic<uint32_t> writers{0};
+    Page *block = nullptr;  // ring pages, then the spare page
+};
+
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "64-bit counters must be lock-free atomics");
+
+namespace {
+
+// Test before test-and-set: a busy flag is only read, so waiting threads
+// do not pull its cache line away from the holder.
+bool try_flag(std::atomic<uint32_t> &flag) {
+    uint32_t expected = 0;
+    return flag.load(std::memory_order_relaxed) == 0 && flag.compare_exchange_strong(expected, 1);
+}
+
+// A writer holds the flag for a few dozen instructions: spin briefly, then
+// yield so that a holder that lost its processor can finish.
+void take_write_flag(util_rqueue *q) {
+    for (unsigned spins = 0; !try_flag(q->write_flag); ++spins) {
+        if (spins < kSpins) kerm::cpu_relax();
+        else sched_yield();
+    }
+    q->writers.fetch_add(1);
+}
+
+void leave_write(util_rqueue *q) {
+    q->writers.fetch_sub(1);
+    q->write_flag.store(0);
+}
+
+// Lets readers run while the ring is full.
+void pause_write(util_rqueue *q) {
+    leave_write(q);
+    sched_yield();
+    take_write_flag(q);
+}
+
+bool is_empty(util_rqueue *q) {
+    Page *h = q->head.load(), *c = q->commit.load(), *t = q->tail.load();
+    if (q->reader.load() == c || (h == t && c != h)) return true;
+    return q->writes.load() == 0;
+}
+
+// Full ring in overwrite mode: drop the oldest unread value by moving the
+// head one page on. The dropped value stays in its page until a writer
+// claims that page again (the free-value callback sees it then) or the queue
+// is destroyed. Returns false when a reader held the read flag.
+bool overwrite_oldest(util_rqueue *q, Page *t) {
+    if (!try_flag(q->read_flag)) return false;
+    Page *h = q->head.load();
+    uintptr_t hn = h->next.load();
+    // A read between our look at the ring and taking the flag may have made room.
+    if (t->next.load() == (word(h) | kMark) && !(hn & kMark) && h->next.compare_exchange_strong(hn, hn | kMark)) {
+        uintptr_t marked = word(h) | kMark;
+        t->next.compare_exchange_strong(marked, word(h));
+        q->head.store(page_at(hn));
+    }
+    q->read_flag.store(0);
+    return true;
+}
+
+int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
+    if (!q || !value) return -1;
+    take_write_flag(q);
+    uint32_t attempts = 0;
+    for (;;) {
+        Page *t = q->tail.load(), *c = q->commit.load(), *h = q->head.load();
+        uintptr_t tn = t->next.load();
+        Page *n = page_at(tn);
+        if (tn < 4) {
+            leave_write(q);
+            return -1;
+        }
+        bool blocking = q->mode.load(std::memory_order_relaxed) == UTIL_RQUEUE_MODE_BLOCKING;
+        bool moved = false;
+        if (blocking && c == t && t != h && n != h) {
+            // Commit caught at the tail: step the tail on without storing and
+            // try again; the skipped page reads as empty.
+            if (attempts >= budget) {
+                leave_write(q);
+                return -2;
+            }
+            q->tail.compare_exchange_strong(t, n);
+            pause_write(q);
+            ++attempts;
+            continue;
+        }
+        if (!(tn & kMark) && (n != h || is_empty(q))) {
+            if (!(t->next.load() & kMark)) moved = q->tail.compare_exchange_strong(t, n);
+        } else if (!blocking && c->next.load() == word(t)) {
+            if (!overwrite_oldest(q, t)) sched_yield();
+            continue;
+        } else {
+            // Full: refused once the budget is spent; nothing was stored.
+            if (++attempts >= budget) {
+                leave_write(q);
+                return -2;
+            }
+            pause_write(q);
+            continue;
+        }
+        if (moved) {
+            uintptr_t old = t->value.exchange(reinterpret_cast<uintptr_t>(value));
+            util_rqueue_free_value_callback_t cb = q->free_value.load(std::memory_order_relaxed);
+            if (old && cb) cb(reinterpret_cast<void *>(old), value);
+            q->writes.fetch_add(1);
+            if (q->writers.load() == 1) q->commit.store(t);
+            leave_write(q);
+            return 0;
+        }
+        if (attempts >= budget) {
+            leave_write(q);
+            return -1;
+        }
+    }
+}
+
+void *read_value(util_rqueue *q, uint32_t budget) {
+    if (!q) return nullptr;
+    for (uint32_t attempts = 0; attempts < budget; ++attempts) {
+        if (!try_flag(q->read_flag)) continue;
+        Page *h = q->head.load(), *c = q->commit.load(), *r = q->reader.load();
+        uintptr_t hn = h->next.load(), rn = r->next.load();
+        Page *hp = page_at(h->prev.load());
+        if (r == c || is_empty(q) || !hp) {
+            q->read_flag.store(0);
+            continue;
+        }
+        uintptr_t expected = rn;
+        if (!r->next.compare_exchange_strong(expected, (hn & ~kBit1) | kMark)) {
+            fputs("reader->next swap failed\n", stderr);
+            q->read_flag.store(0);
+            continue;
+        }
+        r->prev.store(word(hp));
+        uintptr_t marked_h = word(h) | kMark;
+        if (!hp->next.compare_exchange_strong(marked_h, word(r))) {
+            fputs("head swap failed\n", stderr);
+            uintptr_t cur = r->next.load();
+            while (!r->next.compare_exchange_weak(cur, rn)) {
+            }
+            sched_yield();
+            q->read_flag.store(0);
+            continue;
+        }
+        Page *n = page_at(hn);
+        q->head.compare_exchange_strong(h, n);
+        n->prev.store(word(r));
+        q->reader.store(h);
+        uintptr_t v = h->value.load();
+        if (v == 0) {
+            q->read_flag.store(0);
+            continue;
+        }
+        h->value.compare_exchange_strong(v, 0);
+        q->reads.fetch_add(1);
+        q->read_flag.store(0);
+        return reinterpret_cast<void *>(v);
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+namespace kerm {
+
+int32_t rqueue_write_budget(util_rqueue_t *queue, void *value, uint32_t attempts) noexcept {
+    return write_value(queue, value, attempts ? attempts : 1);
+}
+
+void *rqueue_read_budget(util_rqueue_t *queue, uint32_t attempts) noexcept { return read_value(queue, attempts); }
+
+uint64_t rqueue_pending(util_rqueue_t *queue) noexcept {
+    return queue ? queue->writes.load() - queue->reads.load() : 0;
+}
+
+void rqueue_free_value(void *value, void *) noexcept { free(value); }
+
+}  // namespace kerm
+
+extern "C" {
+
+KERM_API util_rqueue_t *util_rqueue_create(uint32_t size, int32_t mode) noexcept {
+    // Ring pages (size + 1) and the spare page in one block.
+    const size_t pages = static_cast<size_t>(size) + 1;
+    if (pages + 1 < pages || pages + 1 > SIZE_MAX / sizeof(Page)) return nullptr;
+    auto *q = new (std::nothrow) util_rqueue();
+    if (!q) return nullptr;
+    q->block = new (std::nothrow) Page[pages + 1];
+    if (!q->block) {
+        delete q;
+        return nullptr;
+    }
+    Page *p = q->block;
+    for (size_t i = 0; i < pages; ++i) {
+        p[i].prev.store(word(&p[i ? i - 1 : pages - 1]));
+        p[i].next.store(i + 1 < pages ? word(&p[i + 1]) : (word(&p[0]) | kMark));
+    }
+    Page *spare = &p[pages];
+    spare->next.store(word(&p[0]));
+    q->head.store(&p[0]);
+    q->tail.store(&p[0]);
+    q->commit.store(&p[0]);
+    q->reader.store(spare);
+    q->size = size < kMinSize ? kMinSize : size;
+    q->pages = static_cast<uint32_t>(pages);
+    q->mode.store(mode);
+    return q;
+}
+
+KERM_API void util_rqueue_destroy(util_rqueue_t *queue) noexcept {
+    if (!queue) return;
+    util_rqueue_free_value_callback_t cb = queue->free_value.load();
+    // Oldest first: the ring from the head, then the spare page.
+    Page *p = queue->head.load();
+    for (uint32_t i = 0; i < queue->pages; ++i) {
+        uintptr_t v = p->value.load();
+        if (v && cb) cb(reinterpret_cast<void *>(v), nullptr);
+        p = page_at(p->next.load());
+    }
+    uintptr_t v = queue->reader.load()->value.load();
+    if (v && cb) cb(reinterpret_cast<void *>(v), nullptr);
+    delete[] queue->block;
+    delete queue;
+}
+
+KERM_API void util_rqueue_set_free_value_callback(util_rqueue_t *queue,
+                                                  util_rqueue_free_value_callback_t callback) noexcept {
+    if (queue) queue->free_value.store(callback, std::memory_order_relaxed);
+}
+
+KERM_API int32_t util_rqueue_write(util_rqueue_t *queue, void *value) noexcept {
+    return write_value(queue, value, kAttempts);
+}
+
+KERM_API void *util_rqueue_read(util_rqueue_t *queue) noexcept { return read_value(queue, kAttempts); }
+
+KERM_API uint64_t util_rqueue_write_count(util_rqueue_t *queue) noexcept {
+    return queue ? queue->writes.load() : 0;
+}
+
+KERM_API uint64_t util_rqueue_read_count(util_rqueue_t *queue) noexcept { return queue ? queue->reads.load() : 0; }
+
+KERM_API void util_rqueue_set_mode(util_rqueue_t *queue, int32_t mode) noexcept {
+    if (queue) queue->mode.store(mode, std::memory_order_relaxed);
+}
+
+KERM_API int32_t util_rqueue_mode(util_rqueue_t *queue) noexcept {
+    return queue ? queue->mode.load(std::memory_order_relaxed) : -1;
+}
+
+KERM_API uint32_t util_rqueue_size(util_rqueue_t *queue) noexcept { return queue ? queue->size : 0; }
+
+KERM_API int32_t util_rqueue_isempty(util_rqueue_t *queue) noexcept { return !queue || is_empty(queue) ? 1 : 0; }
+
+KERM_API char *util_rqueue_stats(util_rqueue_t *queue) noexcept {
+    if (!queue) return nullptr;
+    constexpr size_t kStatsSize = 1024;
+    char *text = static_cast<char *>(malloc(kStatsSize));
+    if (!text) return nullptr;
+    Page *tail = queue->tail.load(), *commit = queue->commit.load();
+    snprintf(text, kStatsSize,
+             "reader:      %p \nhead:        %p \ntail:        %p \ntail_next:   %p \ncommit:      %p \n"
+             "commit_next: %p \nreads:       %lld \nwrites:      %lld \nmode:        %s \n",
+             static_cast<void *>(queue->reader.load()), static_cast<void *>(queue->head.load()),
+             static_cast<void *>(tail), reinterpret_cast<void *>(tail->next.load()), static_cast<void *>(commit),
+             reinterpret_cast<void *>(commit->next.load()), static_cast<long long>(queue->reads.load()),
+             static_cast<long long>(queue->writes.load()),
+             queue->mode.load(std::memory_order_relaxed) == UTIL_RQUEUE_MODE_BLOCKING ? "blocking" : "overwrite");
+    return text;
+}
+
+}  // extern "C"
