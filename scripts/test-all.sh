@@ -4,6 +4,9 @@
 # bounded fuzz runs. Exits non-zero on the first failing stage.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# Compiler-cache hits across checkouts in other folders (paths made relative,
+# the working directory left out of the hash).
+export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
 JOBS=${JOBS:-$(nproc)}
 FUZZ_SECONDS=${FUZZ_SECONDS:-20}
 
