@@ -18,6 +18,7 @@ if(KERM_BUILD_DOCS)
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${KERM_DOCS_OUT}/html
     COMMAND ${KERM_DOXYGEN} ${KERM_DOCS_OUT}/Doxyfile
     COMMAND ${PROJECT_SOURCE_DIR}/docs/check-undocumented.sh ${KERM_DOCS_OUT}/warnings.log
+            ${PROJECT_SOURCE_DIR}/include
     DEPENDS ${kerm_doc_headers} ${PROJECT_SOURCE_DIR}/docs/mainpage.md ${KERM_DOCS_OUT}/Doxyfile
             ${PROJECT_SOURCE_DIR}/docs/check-undocumented.sh
     COMMENT "API reference (doxygen)" VERBATIM)

@@ -1,4 +1,5 @@
-/* Tagged linked list: a doubly linked list of opaque values addressed by
+/** @file kerm_list.h
+ * @brief Tagged linked list: a doubly linked list of opaque values addressed by
  * position, shared safely between threads.
  *
  * Every operation takes the list's recursive mutex, so single calls are

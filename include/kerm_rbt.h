@@ -1,4 +1,5 @@
-/* Ordered map from byte-string keys to opaque pointer values, kept as a
+/** @file kerm_rbt.h
+ * @brief Ordered map from byte-string keys to opaque pointer values, kept as a
  * red-black tree (height at most 2 log2(n + 1)).
  *
  * Keys are copied into the tree; values stay the caller's. Without a

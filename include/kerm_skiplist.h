@@ -1,4 +1,5 @@
-/* Ordered map from byte-string keys to pointer-sized values, kept as a skip
+/** @file kerm_skiplist.h
+ * @brief Ordered map from byte-string keys to pointer-sized values, kept as a skip
  * list with a fixed number of levels.
  *
  * Keys are copied into the list; values stay the caller's and are released
