@@ -60,7 +60,7 @@ typedef struct util_fbuf {
     uint32_t offset;       /**< where the content starts in the block */
 } util_fbuf_t;
 
-/** ---- Lifecycle ---------------------------------------------------------- */
+/* ---- Lifecycle ---------------------------------------------------------- */
 
 /** @brief Creates an empty buffer (no block yet) with the default settings.
  * @param maxlen bound on the content length; 0 means unbounded.
@@ -90,7 +90,7 @@ KERM_API int32_t util_fbuf_move(util_fbuf_t *src, util_fbuf_t *dst) KERM_NOEXCEP
 /** @brief Exchanges two records whole, `id` included. */
 KERM_API void util_fbuf_swap(util_fbuf_t *a, util_fbuf_t *b) KERM_NOEXCEPT;
 
-/** ---- Settings (each returns the previous value; 0 for a NULL buf) -------- */
+/* ---- Settings (each returns the previous value; 0 for a NULL buf) -------- */
 
 /** @brief Sets `fastgrowsize` when v != 0. @return the previous value. */
 KERM_API uint32_t util_fbuf_fastgrowsize(util_fbuf_t *buf, uint32_t v) KERM_NOEXCEPT;
@@ -111,7 +111,7 @@ KERM_API uint32_t util_fbuf_minlen(util_fbuf_t *buf, uint32_t v) KERM_NOEXCEPT;
  * @return the previous value, or 0 when the reallocation fails. */
 KERM_API uint32_t util_fbuf_maxlen(util_fbuf_t *buf, uint32_t v) KERM_NOEXCEPT;
 
-/** ---- Access ------------------------------------------------------------- */
+/* ---- Access ------------------------------------------------------------- */
 
 /** @brief Start of the content (`data` + `offset`); NULL when there is no block. */
 KERM_API uint8_t *util_fbuf_data(const util_fbuf_t *buf) KERM_NOEXCEPT;
@@ -125,7 +125,7 @@ KERM_API uint32_t util_fbuf_len(const util_fbuf_t *buf) KERM_NOEXCEPT;
 /** @brief Content length. @return `used`, 0 for NULL. */
 KERM_API uint32_t util_fbuf_used(const util_fbuf_t *buf) KERM_NOEXCEPT;
 
-/** ---- Content ------------------------------------------------------------ */
+/* ---- Content ------------------------------------------------------------ */
 
 /** @brief Appends n bytes. @return n; -1 for n < 1, NULL src or when the
  * buffer cannot grow (errno ENOMEM past `maxlen`). */
@@ -201,7 +201,7 @@ KERM_API uint32_t util_fbuf_attach(util_fbuf_t *buf, uint8_t *block, int32_t len
  * @return the content length. */
 KERM_API uint32_t util_fbuf_detach(util_fbuf_t *buf, uint8_t **block, uint32_t *len) KERM_NOEXCEPT;
 
-/** ---- Input and output --------------------------------------------------- */
+/* ---- Input and output --------------------------------------------------- */
 
 /** @brief One read() of up to n bytes (0 means 1024) appended to the content.
  * @return read()'s raw result (a positive count is added); -1 when the
@@ -230,7 +230,7 @@ KERM_API int32_t util_fbuf_fread_ln(util_fbuf_t *buf, FILE *stream) KERM_NOEXCEP
  * arrives as 0xFFFFFFFF). */
 KERM_API uint32_t util_fbuf_write(util_fbuf_t *buf, int fd, uint32_t n) KERM_NOEXCEPT;
 
-/** ---- Storage ------------------------------------------------------------ */
+/* ---- Storage ------------------------------------------------------------ */
 
 /** @brief Makes room for content of n bytes plus its terminator (compacting,
  * or growing by the growth steps).
