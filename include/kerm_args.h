@@ -26,8 +26,10 @@
 extern "C" {
 #endif
 
+/** Flag handler: receives the flag's data and the parameters that followed it. */
 typedef void (*ArgoatFunc)(void *data, char **pars, int32_t count);
 
+/** One accepted flag. */
 typedef struct ArgoatSprig {
     const char *flag; /**< name without dashes; null in entry 0 */
     int32_t pars;     /**< the most parameters the flag takes */
@@ -35,6 +37,7 @@ typedef struct ArgoatSprig {
     ArgoatFunc func;  /**< handler; may be null */
 } ArgoatSprig;
 
+/** Parser state: the flag table and the caller's array of unflagged arguments. */
 typedef struct Argoat {
     const ArgoatSprig *sprigs; /**< the table, entry 0 for unflagged arguments */
     int32_t count;             /**< entries including entry 0 */

@@ -24,6 +24,7 @@
 extern "C" {
 #endif
 
+/** An AVL tree (opaque). */
 typedef struct util_avlt util_avlt;
 
 /** Comparator: negative, zero or positive as key a sorts below, equal to or above key b. */

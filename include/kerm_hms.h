@@ -44,8 +44,9 @@ typedef struct vask_hms_list {
     vask_hms_link head;
 } vask_hms_list;
 
-/** Fixed supply of nodes, handed out first in, first out. */
+/** Most nodes a pool can hold. */
 #define VASK_HMS_POOL_MAX 1024u
+/** Fixed supply of nodes, handed out first in, first out. */
 typedef struct vask_hms_pool {
     sem_t lock;
     vask_hms_list *free_list;
@@ -72,6 +73,7 @@ typedef struct vask_hms_data {
 
 /** Detection rule: detect(arg, k) is polled for k in first_index..last_index. */
 typedef uint8_t (*vask_hms_detect_fn)(void *arg, uint8_t index);
+/** One rule of the client's detection table. */
 typedef struct vask_hms_detect_rule {
     uint8_t enabled; /**< 0 = skipped */
     vask_hms_detect_fn detect;

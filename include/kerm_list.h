@@ -39,6 +39,7 @@ extern "C" {
 /** Result of list_bsearch()/list_bsearch_all() when the key is not found. */
 #define LIST_NOT_FOUND 0xFFFFFFFFu
 
+/** One entry of a list (internal to the list). */
 typedef struct list_entry_s list_entry_t;
 
 /** Called with a value the list discards while it still holds it. */

@@ -23,6 +23,7 @@
 extern "C" {
 #endif
 
+/** A red-black tree (opaque). */
 typedef struct util_rbt util_rbt;
 
 /** Comparator: negative, zero or positive as key a sorts below, equal to or above key b. */

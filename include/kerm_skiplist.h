@@ -25,6 +25,7 @@ typedef int32_t (*util_skiplist_cmp_fn)(const void *key_a, uint32_t len_a, const
 /** Releases a value the list drops. */
 typedef void (*util_skiplist_free_fn)(void *value);
 
+/** A skip list (opaque). */
 typedef struct util_skiplist util_skiplist;
 
 /**

@@ -27,6 +27,7 @@ extern "C" {
 /** Releases borrowed data the trie drops. */
 typedef void (*util_trie_free_fn)(void *data);
 
+/** A trie (opaque). */
 typedef struct util_trie util_trie;
 
 /**
