@@ -28,7 +28,7 @@ endif()
 
 if(KERM_BUILD_TOOLS)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-    FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.txt")
+    FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.txt" PATTERN "CMakeLists.txt" EXCLUDE)
   install(FILES ${PROJECT_SOURCE_DIR}/tools/kerm/kerm.bash-completion
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME kerm)
   find_program(KERM_HELP2MAN help2man)
