@@ -18,7 +18,8 @@ int main(void) {
     if (util_binheap_minimum(heap, &key, &klen, &job) == 0)
         printf("next: %s at %d ms (%u entries)\n", (const char *)job, *(const int32_t *)key, util_binheap_count(heap));
     /* Cancel a job by its key; the heap hands its value back. */
-    if (util_binheap_delete(heap, &due[2], sizeof due[2], &job) == 0) printf("cancelled: %s\n", (const char *)job);
+    if (util_binheap_delete(heap, &due[2], sizeof due[2], &job) == 0)
+        printf("cancelled: %s\n", (const char *)job);
     while (util_binheap_minimum(heap, &key, &klen, &job) == 0) {
         printf("  %4d ms  %s\n", *(const int32_t *)key, (const char *)job);
         util_binheap_delete_minimum(heap, NULL);

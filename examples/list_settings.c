@@ -25,7 +25,8 @@ int main(void) {
     list_sort_all(numbers, by_number); /* larger values first for an a - b comparator */
     printf("sorted:");
     list_foreach_value(numbers, print_value, NULL);
-    printf("\nhead %ld, tail %ld\n", (long)(intptr_t)list_shift_value(numbers), (long)(intptr_t)list_pop_value(numbers));
+    printf("\nhead %ld, ", (long)(intptr_t)list_shift_value(numbers));
+    printf("tail %ld\n", (long)(intptr_t)list_pop_value(numbers));
 
     list_push_tagged_value(settings, list_create_tagged_value("codec", "h265", 0));
     list_push_tagged_value(settings, list_create_tagged_value("bitrate", "8000", 0));
