@@ -18,6 +18,7 @@ if(KERM_BUILD_DOCS)
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${KERM_DOCS_OUT}/html
     COMMAND ${KERM_DOXYGEN} ${KERM_DOCS_OUT}/Doxyfile
     COMMAND ${PROJECT_SOURCE_DIR}/docs/check-undocumented.sh ${KERM_DOCS_OUT}/warnings.log
+            ${PROJECT_SOURCE_DIR}/include
     DEPENDS ${kerm_doc_headers} ${PROJECT_SOURCE_DIR}/docs/mainpage.md ${KERM_DOCS_OUT}/Doxyfile
             ${PROJECT_SOURCE_DIR}/docs/check-undocumented.sh
     COMMENT "API reference (doxygen)" VERBATIM)
@@ -27,7 +28,7 @@ endif()
 
 if(KERM_BUILD_TOOLS)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples
-    FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.txt")
+    FILES_MATCHING PATTERN "*.c" PATTERN "*.cpp" PATTERN "*.txt" PATTERN "CMakeLists.txt" EXCLUDE)
   install(FILES ${PROJECT_SOURCE_DIR}/tools/kerm/kerm.bash-completion
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions RENAME kerm)
   find_program(KERM_HELP2MAN help2man)

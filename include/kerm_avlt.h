@@ -1,4 +1,5 @@
-/* Ordered map from byte-string keys to opaque values, kept height-balanced
+/** @file kerm_avlt.h
+ * @brief Ordered map from byte-string keys to opaque values, kept height-balanced
  * (AVL: at every node the two side heights differ by at most 1).
  *
  * Keys are copied; values are handed to the free-value callback on removal
@@ -23,6 +24,7 @@
 extern "C" {
 #endif
 
+/** An AVL tree (opaque). */
 typedef struct util_avlt util_avlt;
 
 /** Comparator: negative, zero or positive as key a sorts below, equal to or above key b. */

@@ -1,4 +1,5 @@
-/* Mergeable heap of (key, value) entries.
+/** @file kerm_binheap.h
+ * @brief Mergeable heap of (key, value) entries.
  *
  * Keys are byte strings of any length, copied into the heap (one allocation
  * per key besides the node itself); their order comes from a callbacks record
@@ -57,7 +58,7 @@ typedef struct BinHeap BinHeap;
 /** Walk callback; see util_binheap_walk for what its result means. */
 typedef int32_t (*BinHeapWalkCallback)(BinHeap *heap, const void *key, uint32_t klen, void *value, void *priv);
 
-/* Typed key records. Every typed compare first checks the lengths: when
+/** Typed key records. Every typed compare first checks the lengths: when
  * either is below the type's size or they differ, it returns len1 - len2.
  * Otherwise, kept exactly so (callers rely on these orders):
  *   int16_t, uint16_t  a - b in int arithmetic; steps truncate to 16 bits

@@ -1,4 +1,5 @@
-/* CRC-8 and CRC-16 checksums for message framing.
+/** @file kerm_crc.h
+ * @brief CRC-8 and CRC-16 checksums for message framing.
  *
  * Every calculator starts from the caller's seed and returns the raw register:
  * there is no final inversion. A zero length (or a null data pointer) returns
@@ -25,31 +26,40 @@
 extern "C" {
 #endif
 
+/** CRC-8, reflected, poly 0x31, over len bytes from seed.
+ * @return the raw register (seed for a zero length or null data). */
 KERM_API uint8_t vask_util_crc8_calc(const uint8_t *data, uint32_t len, uint8_t seed) KERM_NOEXCEPT;
 
-/* CRC of frame[0 .. frame_len - 2], stored into frame[frame_len - 1] and
+/** CRC of frame[0 .. frame_len - 2], stored into frame[frame_len - 1] and
  * returned. A frame shorter than 1 byte (or null) is left alone; returns 0. */
 KERM_API uint8_t vask_util_crc8_append(uint8_t *frame, uint32_t frame_len, uint8_t seed) KERM_NOEXCEPT;
 
-/* 0 when frame[frame_len - 1] is the CRC of the bytes before it, else
+/** 0 when frame[frame_len - 1] is the CRC of the bytes before it, else
  * KERM_ERR_FAIL (also for a null or empty frame). */
 KERM_API int32_t vask_util_crc8_verify(const uint8_t *frame, uint32_t frame_len, uint8_t seed) KERM_NOEXCEPT;
 
+/** CRC-16, reflected, poly 0x1021, over len bytes from seed.
+ * @return the raw register (seed for a zero length or null data). */
 KERM_API uint16_t vask_util_crc16_calc(const uint8_t *data, uint32_t len, uint16_t seed) KERM_NOEXCEPT;
 
-/* CRC of frame[0 .. frame_len - 3], stored little-endian into the last two
+/** CRC of frame[0 .. frame_len - 3], stored little-endian into the last two
  * bytes. Returns only the high byte of the CRC (the byte stored last); callers
  * read the stored bytes for the full value. A frame shorter than 2 bytes (or
  * null) is left alone; returns 0. */
 KERM_API uint8_t vask_util_crc16_append(uint8_t *frame, uint32_t frame_len, uint16_t seed) KERM_NOEXCEPT;
 
-/* 0 when the last two bytes hold the little-endian CRC of the bytes before
+/** 0 when the last two bytes hold the little-endian CRC of the bytes before
  * them, else KERM_ERR_FAIL (also for a null frame or one shorter than 2). */
 KERM_API int32_t vask_util_crc16_verify(const uint8_t *frame, uint32_t frame_len, uint16_t seed) KERM_NOEXCEPT;
 
+/** CRC-16 of poly 0x1021 in the augmented MSB-first form (equal to the direct
+ * form only after two more zero bytes), over len bytes from seed.
+ * @return the raw register (seed for a zero length or null data). */
 KERM_API uint16_t vask_util_crc16_ccitt_calc(const uint8_t *data, uint32_t len, uint16_t seed) KERM_NOEXCEPT;
 
-/* The XMODEM calculator's contract limits len to 65535 bytes: the device's
+/** CRC-16 of poly 0x1021, direct MSB-first form, over len bytes from seed.
+ *
+ * The XMODEM calculator's contract limits len to 65535 bytes: the device's
  * callers count positions in 16 bits, and portable callers must split longer
  * data into chained calls. This implementation does not wrap: for len of
  * 65536 and more it still returns the CRC of all len bytes (never a hang and

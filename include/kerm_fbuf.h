@@ -1,4 +1,5 @@
-/* Flexible buffer: a growable, always zero-terminated byte and text buffer.
+/** @file kerm_fbuf.h
+ * @brief Flexible buffer: a growable, always zero-terminated byte and text buffer.
  *
  * The content is data[offset .. offset + used) and data[offset + used] is 0
  * whenever a block exists. Removal from the front only advances `offset`; the

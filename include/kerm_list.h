@@ -1,4 +1,5 @@
-/* Tagged linked list: a doubly linked list of opaque values addressed by
+/** @file kerm_list.h
+ * @brief Tagged linked list: a doubly linked list of opaque values addressed by
  * position, shared safely between threads.
  *
  * Every operation takes the list's recursive mutex, so single calls are
@@ -38,6 +39,7 @@ extern "C" {
 /** Result of list_bsearch()/list_bsearch_all() when the key is not found. */
 #define LIST_NOT_FOUND 0xFFFFFFFFu
 
+/** One entry of a list (internal to the list). */
 typedef struct list_entry_s list_entry_t;
 
 /** Called with a value the list discards while it still holds it. */

@@ -1,4 +1,5 @@
-/* Real-time memory pool: a two-level segregated-fit allocator over memory the
+/** @file kerm_mempool.h
+ * @brief Real-time memory pool: a two-level segregated-fit allocator over memory the
  * caller supplies.
  *
  * Free blocks sit in 24 x 32 size-class lists (first level: the power of two

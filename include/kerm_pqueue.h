@@ -1,4 +1,5 @@
-/* Thread-safe bounded priority queue of caller values with 64-bit unsigned
+/** @file kerm_pqueue.h
+ * @brief Thread-safe bounded priority queue of caller values with 64-bit unsigned
  * priorities, layered over the heap of kerm_binheap.h.
  *
  * Priorities are the heap's keys under util_binheap_keys_callbacks_uint64_t,

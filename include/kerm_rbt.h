@@ -1,4 +1,5 @@
-/* Ordered map from byte-string keys to opaque pointer values, kept as a
+/** @file kerm_rbt.h
+ * @brief Ordered map from byte-string keys to opaque pointer values, kept as a
  * red-black tree (height at most 2 log2(n + 1)).
  *
  * Keys are copied into the tree; values stay the caller's. Without a
@@ -22,6 +23,7 @@
 extern "C" {
 #endif
 
+/** A red-black tree (opaque). */
 typedef struct util_rbt util_rbt;
 
 /** Comparator: negative, zero or positive as key a sorts below, equal to or above key b. */

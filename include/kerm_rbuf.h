@@ -1,4 +1,5 @@
-/* Byte ring buffer of fixed capacity.
+/** @file kerm_rbuf.h
+ * @brief Byte ring buffer of fixed capacity.
  *
  * Writes append at the tail, reads take from the head; both wrap around the
  * end of one heap block. The mode decides what a write does when the data does

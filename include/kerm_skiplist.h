@@ -1,4 +1,5 @@
-/* Ordered map from byte-string keys to pointer-sized values, kept as a skip
+/** @file kerm_skiplist.h
+ * @brief Ordered map from byte-string keys to pointer-sized values, kept as a skip
  * list with a fixed number of levels.
  *
  * Keys are copied into the list; values stay the caller's and are released
@@ -24,6 +25,7 @@ typedef int32_t (*util_skiplist_cmp_fn)(const void *key_a, uint32_t len_a, const
 /** Releases a value the list drops. */
 typedef void (*util_skiplist_free_fn)(void *value);
 
+/** A skip list (opaque). */
 typedef struct util_skiplist util_skiplist;
 
 /**

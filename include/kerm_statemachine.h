@@ -1,4 +1,5 @@
-/* Table-driven state machine: each state is a number with a handler; a poll
+/** @file kerm_statemachine.h
+ * @brief Table-driven state machine: each state is a number with a handler; a poll
  * runs the handler of the current state once and takes its result as the
  * next state.
  *

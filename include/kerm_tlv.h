@@ -1,4 +1,5 @@
-/* Type-length-value records packed back to back in a caller's byte buffer.
+/** @file kerm_tlv.h
+ * @brief Type-length-value records packed back to back in a caller's byte buffer.
  *
  *   dd record: u16 type, u16 length, then `length` value bytes (header 4)
  *   ss record: u8 type,  u8 length,  then `length` value bytes (header 2)
@@ -17,10 +18,11 @@
 extern "C" {
 #endif
 
-#define DDTLV_HEAD_SIZE 4
-#define SSTLV_HEAD_SIZE 2
+#define DDTLV_HEAD_SIZE 4 /**< header bytes of a dd record (u16 type, u16 length) */
+#define SSTLV_HEAD_SIZE 2 /**< header bytes of an ss record (u8 type, u8 length) */
 
-/* Appends one record at *cursor and returns the new remaining count.
+/** @{ */
+/** Appends one record at *cursor and returns the new remaining count.
  *
  * The record is written first and checked afterwards: when it does not fit
  * (len + header > *remaining, signed) it has already been written past the
@@ -33,12 +35,15 @@ KERM_API int32_t ddtlv_add(uint8_t **cursor, int32_t *remaining, uint16_t type, 
                            const void *value) KERM_NOEXCEPT;
 KERM_API int32_t sstlv_add(uint8_t **cursor, int32_t *remaining, uint8_t type, uint8_t len,
                            const void *value) KERM_NOEXCEPT;
+/** @} */
 
-/* Returns the header of the record at *cursor and steps past it, or null
+/** @{ */
+/** Returns the header of the record at *cursor and steps past it, or null
  * (cursor and count unchanged) when the header or the value would run past
  * *remaining bytes. Null arguments also give null. */
 KERM_API uint8_t *ddtlv_get_next(uint8_t **cursor, int32_t *remaining) KERM_NOEXCEPT;
 KERM_API uint8_t *sstlv_get_next(uint8_t **cursor, int32_t *remaining) KERM_NOEXCEPT;
+/** @} */
 
 #ifdef __cplusplus
 }

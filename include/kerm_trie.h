@@ -1,4 +1,5 @@
-/* Map from zero-terminated byte strings to data blocks, kept as a 256-way
+/** @file kerm_trie.h
+ * @brief Map from zero-terminated byte strings to data blocks, kept as a 256-way
  * trie: one node per key byte, each with a full table of 256 children.
  *
  * Data is either borrowed (copy = 0: the caller's pointer is kept and, when
@@ -26,6 +27,7 @@ extern "C" {
 /** Releases borrowed data the trie drops. */
 typedef void (*util_trie_free_fn)(void *data);
 
+/** A trie (opaque). */
 typedef struct util_trie util_trie;
 
 /**

@@ -1,4 +1,5 @@
-/* Growable array of element pointers guarded by one recursive mutex.
+/** @file kerm_vector.h
+ * @brief Growable array of element pointers guarded by one recursive mutex.
  *
  * The vector owns its elements: util_vector_clean and util_vector_deinit
  * release each of them with free(), so elements must come from malloc,
