@@ -1,4 +1,5 @@
-/* Directed graph of labelled nodes, indexed by label in a hash table.
+/** @file kerm_graph.h
+ * @brief Directed graph of labelled nodes, indexed by label in a hash table.
  *
  * Each node keeps an ordered list of outgoing connections; a connection names
  * a target (any pointer-sized reference the caller chooses, handed back

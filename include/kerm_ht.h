@@ -1,4 +1,5 @@
-/* Thread-safe hash table from byte-string keys to opaque values (pointer and
+/** @file kerm_ht.h
+ * @brief Thread-safe hash table from byte-string keys to opaque values (pointer and
  * length).
  *
  * Keys are always copied (inline up to UTIL_HT_KEY_INLINE bytes); values are

@@ -1,4 +1,5 @@
-/* Lock-free double-ended queue of pointer-sized values.
+/** @file kerm_queue.h
+ * @brief Lock-free double-ended queue of pointer-sized values.
  *
  * Any number of threads may push and pop at either end at once, without a
  * mutex. The queue is a doubly linked list between two sentinel entries

@@ -1,4 +1,5 @@
-/* Reference-counted links: deferred reclamation for lock-free structures.
+/** @file kerm_refcnt.h
+ * @brief Reference-counted links: deferred reclamation for lock-free structures.
  *
  * A caller wraps each shared object in a node that carries a reference
  * count. A link is one pointer-sized word (util_refcnt_node_t *) holding a

@@ -1,4 +1,5 @@
-/* Ring queue: a bounded first-in, first-out queue of pointer-sized values
+/** @file kerm_rqueue.h
+ * @brief Ring queue: a bounded first-in, first-out queue of pointer-sized values
  * passed between threads without a mutex.
  *
  * The values live in a fixed ring of pages plus one spare page: a read swaps
