@@ -59,6 +59,14 @@ echo
 echo "== lock-free queues: two producers, two consumers, every job back exactly once"
 "$build/examples/example_queue_producer_consumer"
 
+echo
+echo "== the collections and byte buffers, one short example program each"
+for ex in rbuf_lines fbuf_report list_settings ht_two_threads binheap_deadlines pqueue_alerts \
+          vector_sort statemachine_light skiplist_scores trie_routes rbt_inventory avlt_sessions; do
+  echo "-- example_$ex"
+  "$build/examples/example_$ex" | head -n 8
+done
+
 if command -v ffmpeg >/dev/null 2>&1; then
   echo
   echo "== kerm sei: stamp a short H.264 clip with the device's SEI tail, then read it back"
