@@ -111,26 +111,19 @@ BENCHMARK(BM_fbuf_printf);
 BENCHMARK(BM_fmt_memory_buffer);
 BENCHMARK(BM_string_snprintf);
 
-// Bandwidth ratios are the peer's time over ours (above 1: we are faster);
-// time ratios are ours over the peer's. CPU time: CI hosts are shared.
-void print_ratios(const kerm_bench::Times &ns) {
-    auto has = [&ns](const std::string &a, const std::string &b) {
-        return ns.count(a) && ns.count(b) && ns.at(a) > 0 && ns.at(b) > 0;
-    };
-    for (std::string sz : {"64", "1024", "16384"}) {
-        for (const char *peer : {"BM_memcpy/", "BM_boost_circular/"}) {
-            std::string ours = "BM_rbuf/" + sz, theirs = peer + sz;
-            if (has(ours, theirs))
-                printf("ratio ring vs %-15.*s chunk %-5s kerm bandwidth / peer = %.2f\n",
-                       static_cast<int>(strlen(peer) - 4), peer + 3, sz.c_str(), ns.at(theirs) / ns.at(ours));
-        }
-    }
-    for (const char *peer : {"BM_fmt_memory_buffer", "BM_string_snprintf"})
-        if (has("BM_fbuf_printf", peer))
-            printf("ratio fbuf printf vs %-21s kerm/peer time = %.2f (%.1f ns vs %.1f ns per line)\n", peer + 3,
-                   ns.at("BM_fbuf_printf") / ns.at(peer), ns.at("BM_fbuf_printf"), ns.at(peer));
+// Ring lines: bandwidth as a speed ratio (above 1: we are faster); printf
+// lines: time ratios (above 1: we are slower). CPU time: CI hosts are shared.
+void print_ratios(const kerm_bench::Results &r) {
+    for (std::string sz : {"64", "1024", "16384"})
+        for (std::string peer : {"memcpy", "boost_circular"})
+            kerm_bench::print_speed_ratio(r.ns, "BM_rbuf/" + sz, "BM_" + peer + "/" + sz,
+                                          "ring vs " + peer + " chunk " + sz + " (bandwidth)");
+    for (std::string peer : {"fmt_memory_buffer", "string_snprintf"})
+        kerm_bench::print_ratio(r.ns, "BM_fbuf_printf", "BM_" + peer, "fbuf printf vs " + peer, "line");
 }
 
 }  // namespace
 
-int main(int argc, char **argv) { return kerm_bench::run_with_ratios(argc, argv, print_ratios, true); }
+int main(int argc, char **argv) {
+    return kerm_bench::run_with_ratios(argc, argv, print_ratios, {.metric = kerm_bench::Metric::CpuTime});
+}

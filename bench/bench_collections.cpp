@@ -26,12 +26,11 @@
 #include <unordered_map>
 #include <vector>
 
+#include "bench_ratio.h"
 #include "kerm_ht.h"
 #include "kerm_list.h"
 
 namespace {
-
-std::map<std::string, double> g_ns;  // per-benchmark time per iteration, for the ratios
 
 // ---- the three tables behind one small interface ----
 
@@ -226,50 +225,27 @@ void register_all() {
     }
 }
 
-// Prints kerm/peer time ratios of the paired benchmarks after the run, from
-// the fastest repetition of each (below 1: the library is faster).
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        std::vector<Run> shown;
-        for (const auto &r : runs) {
-            if (r.run_type != Run::RT_Iteration) continue;  // repetitions shown one by one, no aggregates
-            shown.push_back(r);
-            auto it = g_ns.find(r.run_name.function_name);
-            double t = r.GetAdjustedRealTime();
-            if (it == g_ns.end() || t < it->second) g_ns[r.run_name.function_name] = t;
-        }
-        ConsoleReporter::ReportRuns(shown);
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        auto ratio = [](const std::string &ours, const std::string &theirs, const std::string &what) {
-            if (g_ns.count(ours) && g_ns.count(theirs) && g_ns[theirs] > 0)
-                printf("ratio %-32s kerm/peer = %.2f\n", what.c_str(), g_ns[ours] / g_ns[theirs]);
-        };
-        for (size_t n : {size_t(1000), large_n()})
-            for (size_t klen : {size_t(16), size_t(64)})
-                for (Op op : {kSet, kGetHit, kGetMiss, kDelete})
-                    for (int threads : {1, 2})
-                        for (const char *peer : {"std_mutex", "absl_mutex"}) {
-                            char what[96];
-                            snprintf(what, sizeof what, "%s k%zu n%zu t%d vs %s", kOpNames[op], klen, n, threads,
-                                     peer);
-                            ratio(ht_name(op, klen, n, threads, "kerm"), ht_name(op, klen, n, threads, peer), what);
-                        }
-        for (const char *n : {"100", "1000", "10000"})
-            ratio(std::string("list_walk/kerm/") + n, std::string("list_walk/std_list/") + n,
-                  std::string("list walk n") + n + " vs std::list");
-    }
-};
+// Below 1: the library is faster.
+void print_ratios(const kerm_bench::Results &r) {
+    for (size_t n : {size_t(1000), large_n()})
+        for (size_t klen : {size_t(16), size_t(64)})
+            for (Op op : {kSet, kGetHit, kGetMiss, kDelete})
+                for (int threads : {1, 2})
+                    for (const char *peer : {"std_mutex", "absl_mutex"}) {
+                        char what[96];
+                        snprintf(what, sizeof what, "%s k%zu n%zu t%d vs %s", kOpNames[op], klen, n, threads, peer);
+                        kerm_bench::print_ratio(r.ns, ht_name(op, klen, n, threads, "kerm"),
+                                                ht_name(op, klen, n, threads, peer), what);
+                    }
+    for (const char *n : {"100", "1000", "10000"})
+        kerm_bench::print_ratio(r.ns, std::string("list_walk/kerm/") + n, std::string("list_walk/std_list/") + n,
+                                std::string("list walk n") + n + " vs std::list");
+}
 
 }  // namespace
 
 int main(int argc, char **argv) {
     register_all();
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    // The fastest repetition of each, shown one by one (no aggregates).
+    return kerm_bench::run_with_ratios(argc, argv, print_ratios, {.function_name = true, .fastest = true});
 }

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_ratio.h"
 #include "kerm_crc.h"
 
 namespace {
@@ -62,19 +63,6 @@ uint16_t xmodem_chained(const uint8_t *p, uint32_t n) {
     return crc;
 }
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    std::map<std::string, double> rate;
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto &r : runs) {
-            auto it = r.counters.find("bytes_per_second");
-            if (!r.error_occurred && r.run_type == Run::RT_Iteration && it != r.counters.end())
-                rate[r.benchmark_name()] = it->second;
-        }
-    }
-};
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -104,20 +92,18 @@ int main(int argc, char **argv) {
             for (int64_t n : sizes) b->Arg(n);
         }
     }
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-
-    printf("\n%-14s %8s %14s %14s %8s\n", "calculator", "size", "kerm MB/s", "boost MB/s", "ratio");
-    for (const auto &pair : pairs)
-        for (int64_t n : sizes) {
-            const std::string tail = "/" + std::to_string(n);
-            auto k = reporter.rate.find(std::string(pair.name) + "/kerm" + tail);
-            auto b = reporter.rate.find(std::string(pair.name) + "/boost" + tail);
-            if (k == reporter.rate.end() || b == reporter.rate.end() || b->second <= 0) continue;
-            printf("%-14s %8lld %14.1f %14.1f %8.2f\n", pair.name, static_cast<long long>(n), k->second / 1e6,
-                   b->second / 1e6, k->second / b->second);
-        }
-    benchmark::Shutdown();
-    return 0;
+    auto table = [&pairs, &sizes](const kerm_bench::Results &r) {
+        const kerm_bench::Times &rate = r.ns;  // bytes per second
+        printf("\n%-14s %8s %14s %14s %8s\n", "calculator", "size", "kerm MB/s", "boost MB/s", "ratio");
+        for (const auto &pair : pairs)
+            for (int64_t n : sizes) {
+                const std::string tail = "/" + std::to_string(n);
+                auto k = rate.find(std::string(pair.name) + "/kerm" + tail);
+                auto b = rate.find(std::string(pair.name) + "/boost" + tail);
+                if (k == rate.end() || b == rate.end() || b->second <= 0) continue;
+                printf("%-14s %8lld %14.1f %14.1f %8.2f\n", pair.name, static_cast<long long>(n), k->second / 1e6,
+                       b->second / 1e6, k->second / b->second);
+            }
+    };
+    return kerm_bench::run_with_ratios(argc, argv, table, {.counter = "bytes_per_second"});
 }

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench_ratio.h"
 #include "kerm_queue.h"
 #include "kerm_rqueue.h"
 
@@ -115,9 +116,6 @@ void latency(benchmark::State &state) {
     }
 }
 
-// Nanoseconds per value of each run, for the ratios.
-std::map<std::string, double> g_ns;
-
 template <class Q>
 void register_queue(const std::string &name, bool multi_producer) {
     benchmark::RegisterBenchmark(("latency/" + name).c_str(), latency<Q>)->MinTime(0.2);
@@ -132,34 +130,15 @@ void register_queue(const std::string &name, bool multi_producer) {
             ->Unit(benchmark::kMillisecond);
 }
 
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto &r : runs) {
-            if (r.run_type != Run::RT_Iteration) continue;
-            // Throughput runs: wall time per value; latency runs (one
-            // thread): processor time per push+pop, steadier on a busy host.
-            auto items = r.counters.find("items_per_second");
-            g_ns[r.run_name.function_name] =
-                items != r.counters.end() ? 1e9 / items->second.value : r.GetAdjustedCPUTime();
-        }
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        const char *ours[] = {"ring", "deque"};
-        const char *peers[] = {"mutex_deque", "boost_queue", "boost_spsc", "moodycamel"};
-        for (const char *what : {"latency", "1p1c", "2p2c"})
-            for (const char *o : ours)
-                for (const char *p : peers) {
-                    std::string a = std::string(what) + "/" + o, b = std::string(what) + "/" + p;
-                    auto ia = g_ns.find(a), ib = g_ns.find(b);
-                    if (ia == g_ns.end() || ib == g_ns.end()) continue;
-                    printf("ratio %-8s %-6s / %-12s = %5.2f (%.1f ns vs %.1f ns per value)\n", what, o, p,
-                           ia->second / ib->second, ia->second, ib->second);
-                }
-    }
-};
+void print_ratios(const kerm_bench::Results &r) {
+    const char *ours[] = {"ring", "deque"};
+    const char *peers[] = {"mutex_deque", "boost_queue", "boost_spsc", "moodycamel"};
+    for (const char *what : {"latency", "1p1c", "2p2c"})
+        for (const char *o : ours)
+            for (const char *p : peers)
+                kerm_bench::print_ratio(r.ns, std::string(what) + "/" + o, std::string(what) + "/" + p,
+                                        std::string(what) + " " + o + " vs " + p, "value");
+}
 
 }  // namespace
 
@@ -170,9 +149,8 @@ int main(int argc, char **argv) {
     register_queue<BoostQueue>("boost_queue", true);
     register_queue<BoostSpsc>("boost_spsc", false);
     register_queue<Moodycamel>("moodycamel", true);
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    // Throughput runs: wall time per value; latency runs (one thread):
+    // processor time per push+pop, steadier on a busy host.
+    return kerm_bench::run_with_ratios(argc, argv, print_ratios,
+                                       {.metric = kerm_bench::Metric::PerItem, .function_name = true});
 }

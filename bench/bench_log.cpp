@@ -25,15 +25,10 @@
 #include <thread>
 #include <vector>
 
+#include "bench_ratio.h"
 #include "kerm_log.h"
 
 namespace {
-
-// Per-benchmark nanoseconds per call, for the ratios: wall-clock, and CPU time
-// of the benchmarks timed by the library (on a loaded machine the CPU ratio is
-// the steadier one).
-std::map<std::string, double> g_ns, g_cpu_ns;
-std::map<std::string, benchmark::UserCounters> g_counters;
 
 constexpr const char *kFile = "utility/wlc_hls/NaluSei";
 constexpr const char *kFunc = "wl_get_all_sei_nal_info";
@@ -268,53 +263,30 @@ void BM_raw_sendto_4threads(benchmark::State &state) {
 }
 BENCHMARK(BM_raw_sendto_4threads)->UseManualTime()->Iterations(1);
 
-// Prints kerm/peer ratios of the paired benchmarks after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto &r : runs) {
-            if (r.run_type != Run::RT_Iteration) continue;
-            std::string name = r.benchmark_name();
-            name = name.substr(0, name.find('/'));
-            g_ns[name] = r.GetAdjustedRealTime();
-            if (r.benchmark_name().find("manual_time") == std::string::npos)
-                g_cpu_ns[name] = r.GetAdjustedCPUTime();
-            g_counters[name] = r.counters;
-        }
+// Wall-clock ratios, and CPU-time ones for the benchmarks timed by the library
+// (on a loaded machine the CPU ratio is the steadier one).
+void print_ratios(const kerm_bench::Results &r) {
+    auto ratio = [&r](const char *ours, const char *theirs, const std::string &what) {
+        kerm_bench::print_ratio(r.ns, ours, theirs, what);
+        kerm_bench::print_ratio(r.cpu_ns, ours, theirs, what + ", cpu");
+    };
+    ratio("BM_kerm_filtered_out", "BM_peer_filtered_out", "filtered-out call");
+    ratio("BM_kerm_header_all_fields", "BM_peer_formatted_null_sink", "header vs peer formatted line");
+    ratio("BM_kerm_console_line", "BM_peer_stdout_line", "console line vs peer stdout line");
+    ratio("BM_kerm_socket_line", "BM_raw_sendto_line", "socket line vs raw sendto");
+    ratio("BM_kerm_socket_line", "BM_raw_sendto_exists_line", "socket line vs sendto + exists test");
+    auto ours = r.counters.find("BM_kerm_socket_4threads"), theirs = r.counters.find("BM_raw_sendto_4threads");
+    if (ours == r.counters.end() || theirs == r.counters.end()) return;
+    for (const char *c : {"p50_ns", "p99_ns", "max_ns"}) {
+        auto a = ours->second.find(c), b = theirs->second.find(c);
+        if (a == ours->second.end() || b == theirs->second.end()) continue;
+        kerm_bench::print_ratio({{"kerm", a->second.value}, {"raw", b->second.value}}, "kerm", "raw",
+                                std::string("4 threads socket vs raw sendto ") + c);
     }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        auto ratio = [](const char *ours, const char *theirs, const char *what) {
-            if (!g_ns.count(ours) || !g_ns.count(theirs) || g_ns[theirs] <= 0) return;
-            printf("ratio %-36s kerm/peer = %.2f (%.2f ns vs %.2f ns)", what, g_ns[ours] / g_ns[theirs], g_ns[ours],
-                   g_ns[theirs]);
-            if (g_cpu_ns.count(ours) && g_cpu_ns.count(theirs) && g_cpu_ns[theirs] > 0)
-                printf(", cpu %.2f (%.2f ns vs %.2f ns)", g_cpu_ns[ours] / g_cpu_ns[theirs], g_cpu_ns[ours],
-                       g_cpu_ns[theirs]);
-            printf("\n");
-        };
-        ratio("BM_kerm_filtered_out", "BM_peer_filtered_out", "filtered-out call");
-        ratio("BM_kerm_header_all_fields", "BM_peer_formatted_null_sink", "header vs peer formatted line");
-        ratio("BM_kerm_console_line", "BM_peer_stdout_line", "console line vs peer stdout line");
-        ratio("BM_kerm_socket_line", "BM_raw_sendto_line", "socket line vs raw sendto");
-        ratio("BM_kerm_socket_line", "BM_raw_sendto_exists_line", "socket line vs sendto + exists test");
-        for (const char *c : {"p50_ns", "p99_ns", "max_ns"}) {
-            auto &ours = g_counters["BM_kerm_socket_4threads"];
-            auto &theirs = g_counters["BM_raw_sendto_4threads"];
-            if (ours.count(c) && theirs.count(c) && theirs[c].value > 0)
-                printf("ratio 4 threads socket %-13s kerm/raw  = %.2f (%.0f ns vs %.0f ns)\n", c,
-                       ours[c].value / theirs[c].value, ours[c].value, theirs[c].value);
-        }
-    }
-};
+}
 
 }  // namespace
 
 int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return kerm_bench::run_with_ratios(argc, argv, print_ratios, {.cut_at = "/"});
 }

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_ratio.h"
 #include "kerm_avlt.h"
 #include "kerm_rbt.h"
 #include "kerm_skiplist.h"
@@ -23,10 +24,6 @@ namespace {
 constexpr size_t kKeys = 100000;
 constexpr size_t kTrieKeys = 10000;
 constexpr size_t kKeyLen = 16;
-
-// CPU milliseconds per iteration by benchmark, for the ratios (CPU time: the
-// machine may be shared).
-std::map<std::string, double> g_ms;
 
 // Zero-free bytes so the same keys serve the trie as C strings.
 std::vector<std::string> make_keys(size_t n, uint32_t seed) {
@@ -154,44 +151,25 @@ KERM_MAP_BENCH(Skiplist, kKeys)
 KERM_MAP_BENCH(StdMap, kTrieKeys)
 KERM_MAP_BENCH(Trie, kTrieKeys)
 
-// Prints map/std::map ratios of the paired benchmarks after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto &r : runs)
-            if (r.run_type == Run::RT_Iteration) {
-                std::string name = r.benchmark_name();
-                g_ms[name.substr(0, name.find("/min_time"))] = r.GetAdjustedCPUTime();
-            }
-    }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        const char *ops[][2] = {{"BM_insert<", ">"}, {"BM_find<", ", true>"}, {"BM_find<", ", false>"},
-                                {"BM_remove<", ">"}};
-        const char *names[] = {"insert", "find hit", "find miss", "remove"};
-        for (const char *map : {"Rbt", "Avlt", "Skiplist", "Trie"}) {
-            size_t n = strcmp(map, "Trie") == 0 ? kTrieKeys : kKeys;
-            for (int i = 0; i < 4; ++i) {
-                auto name = [&](const char *m) {
-                    return std::string(ops[i][0]) + m + ops[i][1] + "/" + std::to_string(n);
-                };
-                std::string ours = name(map), peer = name("StdMap");
-                if (g_ms.count(ours) && g_ms.count(peer) && g_ms[peer] > 0)
-                    printf("ratio %-8s %-9s (%zu keys) map/std::map = %.2f (%.1f ns vs %.1f ns per key)\n", map,
-                           names[i], n, g_ms[ours] / g_ms[peer], g_ms[ours] * 1e6 / double(n),
-                           g_ms[peer] * 1e6 / double(n));
-            }
+void print_ratios(const kerm_bench::Results &r) {
+    const char *ops[][2] = {{"BM_insert<", ">"}, {"BM_find<", ", true>"}, {"BM_find<", ", false>"},
+                            {"BM_remove<", ">"}};
+    const char *names[] = {"insert", "find hit", "find miss", "remove"};
+    for (const char *map : {"Rbt", "Avlt", "Skiplist", "Trie"}) {
+        size_t n = strcmp(map, "Trie") == 0 ? kTrieKeys : kKeys;
+        for (int i = 0; i < 4; ++i) {
+            auto name = [&](const char *m) { return std::string(ops[i][0]) + m + ops[i][1] + "/" + std::to_string(n); };
+            kerm_bench::print_ratio(r.ns, name(map), name("StdMap"),
+                                    std::string(map) + " " + names[i] + " (" + std::to_string(n) + " keys) vs std::map",
+                                    "key", double(n));
         }
     }
-};
+}
 
 }  // namespace
 
+// CPU time: the machine may be shared.
 int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return kerm_bench::run_with_ratios(argc, argv, print_ratios,
+                                       {.metric = kerm_bench::Metric::CpuTime, .cut_at = "/min_time"});
 }

@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_ratio.h"
 #include "kerm_mempool.h"
 
 #if defined(__x86_64__) || defined(__i386__)
@@ -146,18 +147,6 @@ std::map<std::string, std::vector<uint32_t>> g_samples;
 
 std::string key(Workload w, const Allocator &a) { return std::string(kWorkloadName[w]) + "/" + a.name; }
 
-class TableReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto &r : runs) {
-            auto it = r.counters.find("items_per_second");
-            if (r.run_type == Run::RT_Iteration && it != r.counters.end())
-                g_rows[r.run_name.function_name.substr(3)].mops = it->second.value / 1e6;
-        }
-    }
-};
-
 // Per-operation latencies of every allocator, measured in chunks taken in
 // turn, so that a noisy moment on the machine falls on all of them alike.
 void measure_latency(Workload w) {
@@ -265,12 +254,12 @@ int main(int argc, char **argv) {
             benchmark::RegisterBenchmark(("BM_" + key(Workload(w), a)).c_str(), BM_throughput, &a, Workload(w))
                 ->Unit(benchmark::kMillisecond)
                 ->Iterations(4);
-    benchmark::Initialize(&argc, argv);
-    TableReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    for (int w = 0; w < 2; ++w) measure_latency(Workload(w));
-    print_table();
-    write_plot();
-    return 0;
+    // After the throughput runs: the latency pass, then the table and plot.
+    auto after = [](const kerm_bench::Results &r) {
+        for (const auto &[name, items_per_second] : r.ns) g_rows[name.substr(3)].mops = items_per_second / 1e6;
+        for (int w = 0; w < 2; ++w) measure_latency(Workload(w));
+        print_table();
+        write_plot();
+    };
+    return kerm_bench::run_with_ratios(argc, argv, after, {.counter = "items_per_second", .function_name = true});
 }

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_ratio.h"
 #include "kerm_binheap.h"
 #include "kerm_pqueue.h"
 
@@ -24,7 +25,6 @@ namespace {
 
 constexpr int kMaxKeys = 100000;
 constexpr int kQueueKeys = 10000;
-std::map<std::string, double> g_ns;  // per-benchmark CPU time per iteration, for the ratios
 
 const std::vector<int32_t> &keys() {
     static const std::vector<int32_t> k = [] {
@@ -149,42 +149,24 @@ void BM_std_priority_queue_mutex(benchmark::State &state) {
 }
 BENCHMARK(BM_std_priority_queue_mutex)->Unit(benchmark::kMillisecond)->Arg(kQueueKeys);
 
-// Prints kerm/peer ratios of the paired benchmarks after the run.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const auto &r : runs) {
-            if (r.run_type != Run::RT_Iteration) continue;
-            // CPU time: single-threaded runs, steadier than wall time on a shared machine.
-            std::string name = r.benchmark_name();
-            name = name.substr(0, name.find("/iterations:"));
-            g_ns[name] = r.GetAdjustedCPUTime();
-        }
+void print_ratios(const kerm_bench::Results &r) {
+    for (const char *n : {"1000", "10000", "100000"}) {
+        std::string size = std::string("/") + n, what = std::string("N=") + n + " ";
+        kerm_bench::print_ratio(r.ns, "BM_kerm_heap_max" + size, "BM_std_priority_queue" + size,
+                                what + "heap vs std::priority_queue");
+        kerm_bench::print_ratio(r.ns, "BM_kerm_heap_max" + size, "BM_std_multiset_max" + size,
+                                what + "heap vs std::multiset (max end)");
     }
-    void Finalize() override {
-        ConsoleReporter::Finalize();
-        auto ratio = [](const std::string &ours, const std::string &theirs, const std::string &what) {
-            if (g_ns.count(ours) && g_ns.count(theirs) && g_ns[theirs] > 0)
-                printf("ratio %-52s kerm/peer = %.1f (%.2f ms vs %.2f ms)\n", what.c_str(), g_ns[ours] / g_ns[theirs],
-                       g_ns[ours], g_ns[theirs]);
-        };
-        for (const char *n : {"1000", "10000", "100000"}) {
-            std::string size = std::string("/") + n, what = std::string("N=") + n + " ";
-            ratio("BM_kerm_heap_max" + size, "BM_std_priority_queue" + size, what + "heap vs std::priority_queue");
-            ratio("BM_kerm_heap_max" + size, "BM_std_multiset_max" + size, what + "heap vs std::multiset (max end)");
-        }
-        ratio("BM_kerm_heap_minmax/10000", "BM_std_multiset_minmax/10000", "N=10000 heap vs std::multiset (both ends)");
-        ratio("BM_kerm_pqueue/10000", "BM_std_priority_queue_mutex/10000", "N=10000 pqueue vs std::priority_queue+mutex");
-    }
-};
+    kerm_bench::print_ratio(r.ns, "BM_kerm_heap_minmax/10000", "BM_std_multiset_minmax/10000",
+                            "N=10000 heap vs std::multiset (both ends)");
+    kerm_bench::print_ratio(r.ns, "BM_kerm_pqueue/10000", "BM_std_priority_queue_mutex/10000",
+                            "N=10000 pqueue vs std::priority_queue+mutex");
+}
 
 }  // namespace
 
+// CPU time: single-threaded runs, steadier than wall time on a shared machine.
 int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    return 0;
+    return kerm_bench::run_with_ratios(argc, argv, print_ratios,
+                                       {.metric = kerm_bench::Metric::CpuTime, .cut_at = "/iterations:"});
 }

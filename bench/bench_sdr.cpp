@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "bench_ratio.h"
 #include "kerm_sdr.h"
 
 namespace {
@@ -36,7 +37,6 @@ struct SubstituteDevice {
     }
 };
 
-double g_per_call_ns = 0, g_kept_ns = 0;
 
 void BM_SsfnMsPerCallMapping(benchmark::State &state) {
     uint32_t ms = 0;
@@ -73,26 +73,12 @@ BENCHMARK(BM_SsfnMsPerCallMapping);
 BENCHMARK(BM_ConvertSsfnPerCallMapping);
 BENCHMARK(BM_SsfnMsKeptMapping);
 
-// Collects per-iteration times so the ratio can be printed at the end.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run> &runs) override {
-        for (const Run &r : runs) {
-            const std::string name = r.benchmark_name();
-            if (name == "BM_SsfnMsPerCallMapping") g_per_call_ns = r.GetAdjustedRealTime();
-            if (name == "BM_SsfnMsKeptMapping") g_kept_ns = r.GetAdjustedRealTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
-
 int main(int argc, char **argv) {
     SubstituteDevice dev;
-    benchmark::Initialize(&argc, argv);
-    RatioReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
-    if (g_per_call_ns > 0 && g_kept_ns > 0)
-        printf("per-call mapping / kept mapping: %.0fx\n", g_per_call_ns / g_kept_ns);
-    return 0;
+    auto summary = [](const kerm_bench::Results &r) {
+        auto per_call = r.ns.find("BM_SsfnMsPerCallMapping"), kept = r.ns.find("BM_SsfnMsKeptMapping");
+        if (per_call != r.ns.end() && kept != r.ns.end() && kept->second > 0)
+            printf("per-call mapping / kept mapping: %.0fx\n", per_call->second / kept->second);
+    };
+    return kerm_bench::run_with_ratios(argc, argv, summary);
 }

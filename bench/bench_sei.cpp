@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "bench_ratio.h"
 #include "kerm_log.h"
 #include "kerm_sei.h"
 
@@ -166,28 +167,15 @@ void BM_UpdateModuleinfo(benchmark::State &st) {
 }
 BENCHMARK(BM_UpdateModuleinfo);
 
-// Keeps the per-iteration time of each run for the summary line.
-class Recorder : public benchmark::ConsoleReporter {
-public:
-    std::map<std::string, double> ns;
-    void ReportRuns(const std::vector<Run> &runs) override {
-        for (const Run &r : runs)
-            if (r.iterations > 0) ns[r.benchmark_name()] = r.GetAdjustedRealTime();
-        ConsoleReporter::ReportRuns(runs);
-    }
-};
-
 }  // namespace
 
 int main(int argc, char **argv) {
-    benchmark::Initialize(&argc, argv);
     vask_log_control(LOG_CTRL_ENABLE, 0, 0);  // measure the work, not the console
-    Recorder rec;
-    benchmark::RunSpecifiedBenchmarks(&rec);
-    const auto small = rec.ns.find("BM_Walk/10240"), big = rec.ns.find("BM_Walk/1048576");
-    if (small != rec.ns.end() && big != rec.ns.end() && small->second > 0)
-        printf("chain walk, 1 MiB frame / 10 KiB frame: %.2fx (same tail; 1.00x means size-independent)\n",
-               big->second / small->second);
-    benchmark::Shutdown();
-    return 0;
+    auto summary = [](const kerm_bench::Results &r) {
+        const auto small = r.ns.find("BM_Walk/10240"), big = r.ns.find("BM_Walk/1048576");
+        if (small != r.ns.end() && big != r.ns.end() && small->second > 0)
+            printf("chain walk, 1 MiB frame / 10 KiB frame: %.2fx (same tail; 1.00x means size-independent)\n",
+                   big->second / small->second);
+    };
+    return kerm_bench::run_with_ratios(argc, argv, summary);
 }
