@@ -59,14 +59,46 @@ TEST(AllocGraph, LabelCopy) {
     });
 }
 
+// Past the node record and its label, the table insert may fail: none,
+// error 604, and the node released as a replaced one would be (its value
+// through free_value). Calls 1 and 2 end the process (below).
+TEST(AllocGraph, NodeAddTableInsert) {
+    static int released;
+    const util_graph_free_value_t count_release = [](void *) { ++released; };
+    static int value;
+    for (unsigned k = 3;; ++k) {
+        SCOPED_TRACE(k);
+        util_graph_t *g = util_graph_create(nullptr, count_release);
+        released = 0;
+        Attempt a(k);
+        util_graph_node_t *n = a.run([&] { return util_graph_node_add(g, "fresh", &value, nullptr); });
+        if (a.injected()) {
+            EXPECT_EQ(n, nullptr);
+            EXPECT_STREQ(util_graph_strerror(g), "The connection hasn't been found");
+            EXPECT_EQ(released, 1);
+            EXPECT_EQ(util_graph_node_get(g, "fresh"), nullptr);
+        } else {
+            EXPECT_NE(n, nullptr);
+        }
+        util_graph_destroy(g);
+        EXPECT_EQ(a.leaked(), 0u);
+        if (!a.injected() || ::testing::Test::HasFailure()) {
+            EXPECT_GT(k, 3u);  // the table did allocate
+            break;
+        }
+    }
+}
+
 TEST(AllocGraphDeathTest, NodeRecordShortageEndsTheProcess) {
     util_graph_t *g = util_graph_create(nullptr, nullptr);
-    EXPECT_DEATH(
-        {
-            alloc_fail::begin(1);
-            util_graph_node_add(g, "a", nullptr, nullptr);
-        },
-        "");
+    for (const unsigned k : {1u, 2u}) {  // the record, then the label copy
+        EXPECT_DEATH(
+            {
+                alloc_fail::begin(k);
+                util_graph_node_add(g, "a", nullptr, nullptr);
+            },
+            "");
+    }
     util_graph_destroy(g);
 }
 
