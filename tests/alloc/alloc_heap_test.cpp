@@ -1,5 +1,6 @@
 // Heap and priority queue with each allocation failing in turn: a failed
-// insert or removal changes nothing, a failed merge hands out none, and every
+// insert or removal changes nothing, a merge short of memory hands out none or a
+// less balanced heap, and every
 // entry is still there, in order, afterwards.
 #include <stdint.h>
 
