@@ -82,7 +82,8 @@ KERM_API void *util_vector_get_element_lockfree(util_vector_t *v, uint32_t i) KE
 KERM_API int32_t util_vector_push_back(util_vector_t *v, void *element) KERM_NOEXCEPT;
 
 /**
- * @brief Removes the last element and hands it to the caller; the array shrinks by one slot.
+ * @brief Removes the last element and hands it to the caller; the array shrinks by one slot
+ * (a shrink that cannot reallocate keeps the larger array, so removal never fails for memory).
  * @return the element, or null when the vector is empty.
  */
 KERM_API void *util_vector_pop_back(util_vector_t *v) KERM_NOEXCEPT;

@@ -293,7 +293,10 @@ extern "C" {
 
 list_t *list_create(void) noexcept {
     auto *l = static_cast<list_t *>(calloc(1, sizeof(list_t)));
-    if (l != nullptr) list_init(l);
+    if (l != nullptr && list_init(l) != 0) {
+        free(l);
+        return nullptr;
+    }
     return l;
 }
 
