@@ -20,7 +20,7 @@ extern "C" {
 typedef struct MmapFile {
     int32_t fd;       /* open descriptor; 0 means "not open" */
     const char *path; /* the caller's path, used again by close in write mode */
-    uint8_t mode;     /* VASK_MMAP_FILE_WRITE or VASK_MMAP_FILE_READ */
+    uint8_t mode;     /* the mode given (low byte); 2 = write, anything else reads */
     uint8_t *base;    /* start of the mapping */
     uint32_t size;    /* mapped length (the expected file size) */
     uint32_t used;    /* bytes written so far (write mode) */

@@ -119,6 +119,16 @@ TEST_F(FileTest, SizeMismatchIsLoggedAndRefusedOnlyForWriting) {
     EXPECT_EQ(put(&f, "x"), KERM_ERR_NO_MEMORY);
     ASSERT_EQ(vask_mmap_file_close(&f), 0);
 
+    // Any mode but 2 reads; the record keeps the mode given, and still refuses
+    // writes. A value that only truncates to 2 stays a read mode.
+    for (const uint32_t mode : {1u, 3u, 0xFFu, 0x102u}) {
+        stdout_of([&] { ASSERT_EQ(vask_mmap_file_open(mode, digits_.c_str(), 10, &f), 0); });
+        EXPECT_EQ(f.mode, mode == 0x102u ? VASK_MMAP_FILE_READ : mode) << mode;
+        EXPECT_EQ(put(&f, "x"), KERM_ERR_NO_MEMORY) << mode;
+        ASSERT_EQ(vask_mmap_file_close(&f), 0);
+        EXPECT_EQ(ScratchDir::read(digits_), "0123456789") << mode;
+    }
+
     // fallocate never shrinks: a longer existing file is refused for writing, and kept.
     const std::string longer = dir_.write("long.bin", std::string(100, 'z'));
     out = stdout_of([&] { EXPECT_EQ(vask_mmap_file_open(VASK_MMAP_FILE_WRITE, longer.c_str(), 10, &f), KERM_ERR_SIZE); });

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 
+#include "hms/kerm_hms_internal.h"
 #include "hms_test_util.h"
 
 using namespace hms_test;
@@ -326,6 +327,37 @@ TEST_F(Hms, DestroyWakesTheWorkerMidCycle) {
     finish();
     EXPECT_LT(mono_ns() - t0, std::chrono::nanoseconds(kWait).count());
     for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(size_t{sent[i].b[2]}, i) << "not one cycle in order";
+}
+
+// Destroy's signal lands after the worker checked its stop byte and before it
+// waits: the hook holds the worker there until the signal has been either
+// handled on it or left pending for it. The wait must still end at once.
+std::atomic<bool> g_window_armed{false}, g_in_window{false};
+std::atomic<int> g_usr1_handled{0};
+
+void hold_in_window(vask_hms_client *) {
+    if (!g_window_armed.exchange(false)) return;
+    g_in_window = true;
+    EXPECT_TRUE(eventually([] {
+        sigset_t pending;
+        sigpending(&pending);
+        return g_usr1_handled.load() > 0 || sigismember(&pending, SIGUSR1) == 1;
+    }));
+}
+
+TEST_F(Hms, DestroyWakesTheWorkerBetweenStopCheckAndWait) {
+    cfg.period_us = cfg.busy_period_us = 2 * 1000000 * static_cast<uint32_t>(kWait.count());
+    signal(SIGUSR1, [](int) { g_usr1_handled++; });
+    kerm::hms::g_before_wait_hook = hold_in_window;
+    g_window_armed = true;
+    create();
+    start();
+    ASSERT_TRUE(eventually([] { return g_in_window.load(); }));
+    const int64_t t0 = mono_ns();
+    finish();
+    EXPECT_LT(mono_ns() - t0, std::chrono::nanoseconds(kWait).count());
+    kerm::hms::g_before_wait_hook = nullptr;
+    signal(SIGUSR1, [](int) {});
 }
 
 }  // namespace

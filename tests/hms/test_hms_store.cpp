@@ -58,6 +58,11 @@ TEST_F(Store, PoolLimitOrderAndEmptyPool) {
     vask_hms_node *a = hms_node_take(&p), *b = hms_node_take(&p);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(a->link.next), 0xDEADBEEFu);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(a->link.prev), 0xBEEFDEADu);
+    // Either null is refused and changes nothing.
+    EXPECT_EQ(hms_node_give(&p, nullptr), -1003);
+    EXPECT_EQ(hms_node_give(nullptr, a), -1003);
+    EXPECT_EQ(hms_node_give(nullptr, nullptr), -1003);
+    EXPECT_EQ(pool_free(&p), 1u);
     hms_node_give(&p, a), hms_node_give(&p, b);
     vask_hms_node *c = hms_node_take(&p);
     EXPECT_TRUE(c != a && c != b);

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -91,4 +92,26 @@ TEST_F(MemcheckTest, ThreadsAllocateAndReleaseConcurrently) {
     for (auto &th : threads) th.join();
     EXPECT_EQ(ut_memory_dumpleak(), 4);
     for (void *p : kept) ut_free(p);
+}
+
+// The report walks the list while other threads link and unlink blocks: each
+// report sees a consistent list (checked under the sanitizers).
+TEST_F(MemcheckTest, ReportRunsWhileThreadsRelease) {
+    std::atomic<bool> done{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([&done] {
+            for (int i = 0; i < 3000 || !done; ++i) ut_free(ut_malloc(16 + i % 32, "churn.c", 1));
+        });
+    testing::internal::CaptureStderr();
+    int reported = 0;
+    for (int i = 0; i < 300; ++i) reported += ut_memory_dumpleak();
+    done = true;
+    for (auto &th : threads) th.join();
+    const std::string out = testing::internal::GetCapturedStderr();
+    EXPECT_LE(reported, 600);
+    size_t lines = 0;
+    for (size_t at = out.find("LEAKED: churn.c"); at != std::string::npos; at = out.find("LEAKED: churn.c", at + 1))
+        ++lines;
+    EXPECT_EQ(lines, static_cast<size_t>(reported));
 }

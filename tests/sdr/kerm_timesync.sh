@@ -17,12 +17,25 @@ reject() {  # an error exit, neither success nor a fault
     local rc=0; "${cmd[@]}" timesync "$@" 2>/dev/null || rc=$?
     [ "$rc" -ge 1 ] && [ "$rc" -lt 128 ] || fail "timesync $* exited $rc"
 }
+unmappable() {  # exit 1 with the mapping named, for every subcommand that maps
+    local sub rc err
+    for sub in show "to-ssfn 1000" "set-delta 1000"; do
+        rc=0; err=$("${cmd[@]}" timesync $sub 2>&1 >/dev/null) || rc=$?
+        [ "$rc" -eq 1 ] || fail "timesync $sub on $1 exited $rc"
+        [[ $err == *"cannot map"* ]] || fail "timesync $sub on $1: '$err'"
+    done
+}
 poke() { printf "$2" | dd of="$root/dev/mem" bs=1 seek=$(($1)) conv=notrunc status=none; }
 
 reject show  # no device yet
 reject to-ssfn 12x
 reject to-local 4294967296
 mkdir -p "$root/dev"
+ln -s /dev/null "$root/dev/mem"
+unmappable "a link to /dev/null"
+rm "$root/dev/mem"; mkfifo "$root/dev/mem"
+unmappable "a FIFO"
+rm "$root/dev/mem"
 truncate -s $((0x100001000)) "$root/dev/mem"
 poke $((0xFFFC1100 + 52)) '\x20\x00\x04\x00'   # counter 0x00040020
 poke $((0xFFFC1100 + 56)) '\x10\x00\x03\x00'   # latched 0x00030010 = 30736 ms

@@ -41,10 +41,13 @@ int64_t now_ms() {
 }
 
 constexpr uint64_t kMaxMs = 24ull * 3600 * 1000;  // a day: far beyond any useful wait
+// A reporter that sent nothing for this long gives up its slot (its report
+// period is far shorter: every normal period brings at least a heartbeat).
+constexpr long kDefaultReporterIdleMs = 10000;
 
 struct MonitorArgs {
     unsigned port = 0;
-    long idle_exit_ms = 0, timeout_ms = 0;
+    long idle_exit_ms = 0, timeout_ms = 0, reporter_idle_ms = kDefaultReporterIdleMs;
     bool json = false;
 } g_mon;
 
@@ -71,8 +74,10 @@ constexpr int kMaxReporters = 16;
 constexpr vask_hms_err kEmptyReportMarker{0xFFFFFFFFu, 0xFF, 0};
 
 struct Reporter {
+    bool used;
     sockaddr_in addr;
     char name[32];
+    int64_t last_rx_ms;
     vask_hms_data store;
     bool in_cycle;     // index 0 seen, last packet not yet
     uint8_t seq;       // cycle sequence being collected
@@ -83,7 +88,7 @@ struct Reporter {
 struct Monitor {
     vask_hms_pool pool;
     Reporter reporters[kMaxReporters];
-    int count;
+    long idle_ms;
 };
 
 void print_event(void *user, const char *what, const vask_hms_err *e) {
@@ -103,20 +108,53 @@ void print_event(void *user, const char *what, const vask_hms_err *e) {
     fflush(stdout);
 }
 
-Reporter *reporter_for(Monitor *m, const sockaddr_in &from) {
-    for (int i = 0; i < m->count; ++i) {
-        Reporter *r = &m->reporters[i];
-        if (r->addr.sin_addr.s_addr == from.sin_addr.s_addr && r->addr.sin_port == from.sin_port) return r;
+void name_of(const sockaddr_in &a, char *out, size_t size) {
+    char ip[INET_ADDRSTRLEN] = "?";
+    inet_ntop(AF_INET, &a.sin_addr, ip, sizeof ip);
+    snprintf(out, size, "%s:%u", ip, ntohs(a.sin_port));
+}
+
+// A report message by its frame: whole entries, within the size cap.
+bool well_formed(const uint8_t *b, size_t len) {
+    return len >= VASK_HMS_MSG_HEADER && len <= VASK_HMS_MSG_MAX &&
+           (len - VASK_HMS_MSG_HEADER) % VASK_HMS_MSG_ENTRY == 0 && b[0] == 0;
+}
+
+// The store's nodes go back to the shared pool before the store goes.
+void forget(Monitor *m, Reporter *r) {
+    vask_hms_data_reset(&r->store, &m->pool);
+    vask_hms_data_deinit(&r->store);
+    r->used = false;
+}
+
+void expire_idle(Monitor *m, int64_t now) {
+    for (Reporter &r : m->reporters) {
+        if (!r.used || now - r.last_rx_ms < m->idle_ms) continue;
+        fprintf(stderr, "kerm hms-monitor: reporter %s silent for %lld ms, forgotten\n", r.name,
+                static_cast<long long>(now - r.last_rx_ms));
+        forget(m, &r);
     }
-    if (m->count == kMaxReporters) return nullptr;
-    Reporter *r = &m->reporters[m->count];
+}
+
+// The sender's reporter. A new sender gets a free slot only with a message
+// that starts a cycle; the caller has checked the frame.
+Reporter *reporter_for(Monitor *m, const sockaddr_in &from, const uint8_t *b) {
+    Reporter *free_slot = nullptr;
+    for (Reporter &r : m->reporters) {
+        if (r.used && r.addr.sin_addr.s_addr == from.sin_addr.s_addr && r.addr.sin_port == from.sin_port) return &r;
+        if (!r.used && free_slot == nullptr) free_slot = &r;
+    }
+    if ((b[2] & VASK_HMS_MSG_INDEX) != 0) return nullptr;
+    if (free_slot == nullptr) {
+        fprintf(stderr, "kerm hms-monitor: too many reporters\n");
+        return nullptr;
+    }
+    Reporter *r = free_slot;
     memset(r, 0, sizeof *r);
     if (vask_hms_data_init(&r->store) != 0) return nullptr;
-    m->count++;
+    r->used = true;
     r->addr = from;
-    char ip[INET_ADDRSTRLEN] = "?";
-    inet_ntop(AF_INET, &from.sin_addr, ip, sizeof ip);
-    snprintf(r->name, sizeof r->name, "%s:%u", ip, ntohs(from.sin_port));
+    name_of(from, r->name, sizeof r->name);
     r->store.user = r;
     r->store.on_raised = [](void *u, const vask_hms_err *e) { print_event(u, "raised", e); };
     r->store.on_changed = [](void *u, const vask_hms_err *e) { print_event(u, "changed", e); };
@@ -124,14 +162,9 @@ Reporter *reporter_for(Monitor *m, const sockaddr_in &from) {
     return r;
 }
 
-// Feeds one report message into its reporter's store; a complete cycle is the
-// reporter's whole list of active errors and runs the server sync.
+// Feeds one well-formed report message into its reporter's store; a complete
+// cycle is the reporter's whole list of active errors and runs the server sync.
 void take_report(Monitor *m, Reporter *r, const uint8_t *b, size_t len) {
-    if (len < VASK_HMS_MSG_HEADER || len > VASK_HMS_MSG_MAX || (len - VASK_HMS_MSG_HEADER) % VASK_HMS_MSG_ENTRY ||
-        b[0] != 0) {
-        fprintf(stderr, "kerm hms-monitor: malformed message of %zu bytes from %s\n", len, r->name);
-        return;
-    }
     const uint8_t index = b[2] & VASK_HMS_MSG_INDEX;
     // The index wraps in 7 bits: a 0 that carries on the current cycle's
     // sequence is its 129th message, not a new cycle.
@@ -168,6 +201,7 @@ int run_monitor() {
     const unsigned port = g_mon.port;
     const long idle_exit_ms = g_mon.idle_exit_ms;
     const long timeout_ms = g_mon.timeout_ms;
+    const long reporter_idle_ms = g_mon.reporter_idle_ms;
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in addr = loopback(static_cast<uint16_t>(port));
     socklen_t alen = sizeof addr;
@@ -178,6 +212,7 @@ int run_monitor() {
         return kerm_tool::kExitFailure;
     }
     static Monitor m;
+    m.idle_ms = reporter_idle_ms;
     if (vask_hms_pool_init(&m.pool, VASK_HMS_POOL_MAX) != 0) {
         close(fd);
         return kerm_tool::fail("hms-monitor", "pool", strerror(ENOMEM));
@@ -200,6 +235,7 @@ int run_monitor() {
         const int64_t now = now_ms();
         if (timeout_ms > 0 && now - start >= timeout_ms) break;
         if (idle_exit_ms > 0 && last_rx >= 0 && now - last_rx >= idle_exit_ms) break;
+        expire_idle(&m, now);
         pollfd p{fd, POLLIN, 0};
         if (poll(&p, 1, 50) <= 0) continue;
         uint8_t buf[VASK_HMS_MSG_MAX + 64];
@@ -208,14 +244,20 @@ int run_monitor() {
         ssize_t n = recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr *>(&from), &flen);
         if (n < 0) continue;
         last_rx = now_ms();
-        Reporter *r = reporter_for(&m, from);
-        if (r == nullptr) {
-            fprintf(stderr, "kerm hms-monitor: too many reporters\n");
+        // Checked before any slot is given: junk never holds or takes one.
+        if (!well_formed(buf, static_cast<size_t>(n))) {
+            char name[32];
+            name_of(from, name, sizeof name);
+            fprintf(stderr, "kerm hms-monitor: malformed message of %zd bytes from %s\n", n, name);
             continue;
         }
+        Reporter *r = reporter_for(&m, from, buf);
+        if (r == nullptr) continue;
+        r->last_rx_ms = last_rx;
         take_report(&m, r, buf, static_cast<size_t>(n));
     }
-    for (int i = 0; i < m.count; ++i) vask_hms_data_deinit(&m.reporters[i].store);
+    for (Reporter &r : m.reporters)
+        if (r.used) forget(&m, &r);
     vask_hms_pool_deinit(&m.pool);
     close(fd);
     return 0;
@@ -404,6 +446,8 @@ kerm_tool::Runner setup_monitor(CLI::App &app) {
     kerm_tool::add_number(app, "--idle-exit-ms", g_mon.idle_exit_ms, 0, kMaxMs,
                           "exit once no message came for MS after the first (0: never)");
     kerm_tool::add_number(app, "--timeout-ms", g_mon.timeout_ms, 0, kMaxMs, "exit after MS (0: never)");
+    kerm_tool::add_number(app, "--reporter-idle-ms", g_mon.reporter_idle_ms, 1, kMaxMs,
+                          "forget a reporter silent for MS (default 10000)");
     kerm_tool::add_json_flag(app, g_mon.json);
     return run_monitor;
 }

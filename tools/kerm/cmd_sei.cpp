@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <new>
 #include <string>
 #include <vector>
 
@@ -79,6 +80,17 @@ struct CodecRules {
     bool opens_au(unsigned t) const {
         if (h265) return (t >= 32 && t <= 35) || t == 39 || (t >= 41 && t <= 44) || (t >= 48 && t <= 55);
         return (t >= 6 && t <= 9) || (t >= 14 && t <= 18);
+    }
+    // A NAL header this codec defines for a single-layer stream. The other
+    // codec's headers fail early: every H.264 slice and parameter set has
+    // bit 0 set (a non-zero H.265 layer id), and H.265 parameter sets and
+    // trailing pictures read as H.264 types 0 and 2-4, which no stream that
+    // this tool stamps carries.
+    bool plausible(const Bytes &b, size_t hdr) const {
+        if ((b[hdr] & 0x80) != 0) return false;
+        if (h265) return hdr + 1 < b.size() && (b[hdr] & 1) == 0 && (b[hdr + 1] >> 3) == 0 && (b[hdr + 1] & 7) != 0;
+        const unsigned t = b[hdr] & 0x1F;
+        return t == 1 || (t >= 5 && t <= 23);
     }
     // first_mb_in_slice == 0 / first_slice_segment_in_pic_flag
     bool first_slice(const Bytes &b, size_t hdr) const {
@@ -194,6 +206,9 @@ bool stamp_frame(Bytes &f, uint32_t idx, bool key, const StampOptions &o, Stamp 
         m.camera_id = 2;
         m.codec_info_on = 1;
         m.frm_tar_len = static_cast<uint16_t>(video);
+        if (video > UINT16_MAX)
+            fprintf(stderr, "kerm sei: frame %u: %u bytes wrap the 16-bit live-view target length (stored %u)\n", idx,
+                    video, m.frm_tar_len);
         m.module_info_on = 1;
         uint32_t lv_len = 0, dummy = 0;
         if (wl_enc_lvstream_sei(f.data() + pos, codec, room(), pos, &m, &lv_len, &dummy) != 0) return false;
@@ -251,6 +266,8 @@ bool stamp_frame(Bytes &f, uint32_t idx, bool key, const StampOptions &o, Stamp 
     return true;
 }
 
+int stamp_all(const Bytes &in, const std::vector<Frame> &frames, const StampOptions &o, FILE *out, FILE *man);
+
 int run_stamp(int argc, char **argv) {
     StampOptions o;
     bool codec_given = false;
@@ -282,6 +299,15 @@ int run_stamp(int argc, char **argv) {
     }
     Bytes in;
     if (!read_file(o.in, &in)) return 1;
+    // Stamping the other codec's stream would write units its decoder
+    // cannot place: refuse it whole.
+    for (const Nal &n : scan_nals(in)) {
+        if (n.hdr < in.size() && !CodecRules{o.h265}.plausible(in, n.hdr)) {
+            fprintf(stderr, "kerm sei: %s is not an %s stream (NAL header %02x at offset %zu); check --codec\n", o.in,
+                    o.h265 ? "H.265" : "H.264", in[n.hdr], n.hdr);
+            return 1;
+        }
+    }
     const std::vector<Frame> frames = split_access_units(in, CodecRules{o.h265});
     if (frames.empty()) {
         fprintf(stderr, "kerm sei: no access units in %s\n", o.in);
@@ -294,6 +320,23 @@ int run_stamp(int argc, char **argv) {
         if (out) fclose(out);
         return 1;
     }
+    int rc = 0;
+    try {
+        rc = stamp_all(in, frames, o, out, man);
+    } catch (const std::bad_alloc &) {
+        // No half-stamped output is left behind.
+        fclose(out);
+        if (man) fclose(man);
+        remove(o.out);
+        throw;
+    }
+    if (fclose(out) != 0 || rc != 0) rc = 1;
+    if (man && fclose(man) != 0) rc = 1;
+    if (rc == 0) fprintf(stderr, "kerm sei: stamped %zu frames\n", frames.size());
+    return rc;
+}
+
+int stamp_all(const Bytes &in, const std::vector<Frame> &frames, const StampOptions &o, FILE *out, FILE *man) {
     int rc = 0;
     for (size_t i = 0; i < frames.size() && rc == 0; ++i) {
         Bytes f(in.begin() + static_cast<long>(frames[i].begin), in.begin() + static_cast<long>(frames[i].end));
@@ -317,9 +360,6 @@ int run_stamp(int argc, char **argv) {
             fputs("}\n", man);
         }
     }
-    if (fclose(out) != 0 || rc != 0) rc = 1;
-    if (man && fclose(man) != 0) rc = 1;
-    if (rc == 0) fprintf(stderr, "kerm sei: stamped %zu frames\n", frames.size());
     return rc;
 }
 
@@ -478,6 +518,18 @@ int run_dump(int argc, char **argv) {
     return frames.empty() ? 1 : 0;
 }
 
+// Input, frames and their copies live in memory; when it runs short the
+// command ends with a message and status 1, never on an uncaught exception.
+template <class Fn>
+int or_out_of_memory(Fn fn) {
+    try {
+        return fn();
+    } catch (const std::bad_alloc &) {
+        fprintf(stderr, "kerm sei: out of memory (the input does not fit the memory available)\n");
+        return 1;
+    }
+}
+
 int run_sei(int argc, char **argv) {
     // The library's SEI lines go to standard output; keep it for the dump
     // unless asked.
@@ -491,8 +543,8 @@ int run_sei(int argc, char **argv) {
     if (g_verbose) vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x53, VASK_LOG_VERBOSE);
     vask_log_control(LOG_CTRL_ENABLE, g_verbose, 0);
     const int n = static_cast<int>(args.size());
-    if (n >= 2 && strcmp(args[1], "stamp") == 0) return run_stamp(n - 1, args.data() + 1);
-    if (n >= 2 && strcmp(args[1], "dump") == 0) return run_dump(n - 1, args.data() + 1);
+    if (n >= 2 && strcmp(args[1], "stamp") == 0) return or_out_of_memory([&] { return run_stamp(n - 1, args.data() + 1); });
+    if (n >= 2 && strcmp(args[1], "dump") == 0) return or_out_of_memory([&] { return run_dump(n - 1, args.data() + 1); });
     usage(n >= 2 && strcmp(args[1], "--help") == 0 ? stdout : stderr);
     return n >= 2 && strcmp(args[1], "--help") == 0 ? 0 : 2;
 }

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -40,8 +41,19 @@ bool device_usable() {
         char why[96];
         snprintf(why, sizeof why, "does not reach the time-sync block at 0x%X", VASK_SYNC_PHYS_ADDR);
         kerm_tool::fail("timesync", path, why);
+        return false;
     }
-    return ok;
+    // Whatever the kind of file (a link to /dev/null, a FIFO), the block must
+    // map: the library hands out a handle whose mapping failed.
+    vask_shmem *h = vask_util_create_shmem(VASK_SYNC_PHYS_ADDR, VASK_SYNC_SIZE);
+    if (h == nullptr) {
+        kerm_tool::fail("timesync", path, strerror(ENOMEM));
+        return false;
+    }
+    const bool mapped = h->base != MAP_FAILED;
+    vask_util_release_shmem(h);
+    if (!mapped) kerm_tool::fail("timesync", path, "cannot map the time-sync block");
+    return mapped;
 }
 
 int show_block(bool offset_only) {

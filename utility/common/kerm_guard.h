@@ -1,8 +1,11 @@
-// Scope guards for the library's locks and descriptors. Not installed.
+// Scope guards for the library's locks, descriptors and heap blocks. Not
+// installed.
 #ifndef KERM_GUARD_H
 #define KERM_GUARD_H
 
 #include <pthread.h>
+#include <semaphore.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include "common/kerm_internal.h"
@@ -43,6 +46,43 @@ public:
 private:
     pthread_rwlock_t *l_;
     int rc_;
+};
+
+// Holds a process-private semaphore of initial value 1, used as a lock, for
+// the scope: waits (again after a signal) and posts at the end. A wait that
+// fails otherwise means a semaphore never made or already destroyed: the
+// process ends, as for a failing mutex.
+class SemGuard {
+public:
+    explicit SemGuard(sem_t *s) noexcept : s_(s) {
+        if (sem_wait_nointr(s_) != 0) abort();
+    }
+    ~SemGuard() { sem_post(s_); }
+    SemGuard(const SemGuard &) = delete;
+    SemGuard &operator=(const SemGuard &) = delete;
+
+private:
+    sem_t *s_;
+};
+
+// Owns a block from malloc/calloc; frees it at the end of the scope unless
+// released.
+template <class T>
+class MallocGuard {
+public:
+    explicit MallocGuard(T *p = nullptr) noexcept : p_(p) {}
+    ~MallocGuard() { free(p_); }
+    MallocGuard(const MallocGuard &) = delete;
+    MallocGuard &operator=(const MallocGuard &) = delete;
+    T *get() const noexcept { return p_; }
+    T *release() noexcept {
+        T *p = p_;
+        p_ = nullptr;
+        return p;
+    }
+
+private:
+    T *p_;
 };
 
 // Initialises a recursive pthread mutex (the containers' default); aborts on

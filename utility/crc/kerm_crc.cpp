@@ -132,6 +132,7 @@ uint8_t vask_util_crc16_append(uint8_t *frame, uint32_t frame_len, uint16_t seed
     uint16_t crc = crc16r_update(seed, frame, frame_len - 2);
     frame[frame_len - 2] = static_cast<uint8_t>(crc & 0xFFu);
     frame[frame_len - 1] = static_cast<uint8_t>(crc >> 8);
+    // Deliberate: only the high byte is returned; callers use the stored bytes.
     return static_cast<uint8_t>(crc >> 8);
 }
 

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/kerm_guard.h"
 #include "common/kerm_internal.h"
 
 static_assert(sizeof(void *) != 4 || sizeof(MmapFile) == 24);
@@ -22,11 +23,10 @@ constexpr uint32_t kLoadToEnd = 0xFFFFFFFFu;
 // "%s" of a null pointer is not defined everywhere; log it readably.
 const char *shown(const char *path) { return path != nullptr ? path : "(null)"; }
 
-// Steps 4-9 of a load failed: the caller sees length 0 and no buffer.
-void *load_failed(int fd, void *buf, uint32_t *out_len) {
+// A load failed after the open: the caller sees length 0 and no buffer (the
+// guards close the file and free the buffer).
+void *load_failed(uint32_t *out_len) {
     if (out_len != nullptr) *out_len = 0;
-    close(fd);
-    free(buf);
     return nullptr;
 }
 
@@ -35,110 +35,105 @@ void *load_failed(int fd, void *buf, uint32_t *out_len) {
 extern "C" {
 
 KERM_API int32_t vask_access_file(const char *path) noexcept {
-    int fd = path != nullptr ? open(path, O_RDONLY) : -1;
-    if (fd < 0) {
+    kerm::FdGuard fd(path != nullptr ? open(path, O_RDONLY) : -1);
+    if (fd.get() < 0) {
         FILE_LOG(VASK_LOG_ERROR, "Cannot open file %s\n", shown(path));
         return KERM_ERR_FAIL;
     }
-    close(fd);
     return KERM_OK;
 }
 
 KERM_API int32_t vask_get_file_size(const char *path) noexcept {
-    int fd = path != nullptr ? open(path, O_RDONLY) : -1;
-    if (fd < 0) {
+    kerm::FdGuard fd(path != nullptr ? open(path, O_RDONLY) : -1);
+    if (fd.get() < 0) {
         FILE_LOG(VASK_LOG_ERROR, "Cannot open file %s\n", shown(path));
         return -1;
     }
     struct stat st;
-    if (fstat(fd, &st) != 0) {
+    if (fstat(fd.get(), &st) != 0) {
         FILE_LOG(VASK_LOG_ERROR, "Cannot get file size.\n");
-        close(fd);
         return -1;
     }
-    close(fd);
     return static_cast<int32_t>(static_cast<uint32_t>(st.st_size));
 }
 
 KERM_API void *vask_load_file(const char *path, uint32_t offset, uint32_t max_len, uint32_t *out_len) noexcept {
-    int fd = path != nullptr ? open(path, O_RDONLY) : -1;
+    kerm::FdGuard fd(path != nullptr ? open(path, O_RDONLY) : -1);
     FILE_LOG(VASK_LOG_TRACE, "load file: %s...\n", shown(path));
-    if (fd < 0) {
+    if (fd.get() < 0) {
         FILE_LOG(VASK_LOG_ERROR, "Cannot open file %s\n", shown(path));
         return nullptr;
     }
     struct stat st;
-    if (fstat(fd, &st) != 0) {
+    if (fstat(fd.get(), &st) != 0) {
         FILE_LOG(VASK_LOG_ERROR, "Cannot get file size for %s\n", path);
-        return load_failed(fd, nullptr, out_len);
+        return load_failed(out_len);
     }
     const uint64_t file_size = static_cast<uint64_t>(st.st_size);
     if (offset > file_size) {
         FILE_LOG(VASK_LOG_ERROR, "parameter error, offset(%u) > filesize(%lld)\n", offset,
                  static_cast<long long>(st.st_size));
-        return load_failed(fd, nullptr, out_len);
+        return load_failed(out_len);
     }
     uint64_t length = file_size - offset;
     if (max_len != 0 && max_len != kLoadToEnd && max_len < length) length = max_len;
     // The length must fit the 32-bit result; a bigger slice is as unobtainable
     // as memory that malloc refuses. One byte at least, so an empty load still
     // returns a buffer.
-    void *buf = length <= UINT32_MAX ? malloc(length != 0 ? static_cast<size_t>(length) : 1) : nullptr;
-    if (buf == nullptr) {
+    kerm::MallocGuard<void> buf(length <= UINT32_MAX ? malloc(length != 0 ? static_cast<size_t>(length) : 1)
+                                                     : nullptr);
+    if (buf.get() == nullptr) {
         FILE_LOG(VASK_LOG_ERROR, "malloc failed for %lu bytes\n", static_cast<unsigned long>(length));
-        return load_failed(fd, nullptr, out_len);
+        return load_failed(out_len);
     }
-    if (offset != 0 && lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0) {
+    if (offset != 0 && lseek(fd.get(), static_cast<off_t>(offset), SEEK_SET) < 0) {
         FILE_LOG(VASK_LOG_ERROR, "Lseek file %s failed\n", path);
-        return load_failed(fd, buf, out_len);
+        return load_failed(out_len);
     }
     // One read, no retry: a short read is a failure.
-    if (read(fd, buf, static_cast<size_t>(length)) != static_cast<ssize_t>(length)) {
+    if (read(fd.get(), buf.get(), static_cast<size_t>(length)) != static_cast<ssize_t>(length)) {
         FILE_LOG(VASK_LOG_ERROR, "Reading file %s failed\n", path);
-        return load_failed(fd, buf, out_len);
+        return load_failed(out_len);
     }
     if (out_len != nullptr) *out_len = static_cast<uint32_t>(length);
-    close(fd);
-    return buf;
+    return buf.release();
 }
 
 KERM_API int32_t vask_mmap_file_open(uint32_t mode, const char *path, uint32_t size, MmapFile *file) noexcept {
     if (path == nullptr || file == nullptr) return KERM_ERR_EXHAUSTED;
     const bool write_mode = mode == VASK_MMAP_FILE_WRITE;
-    int fd = write_mode ? open(path, O_RDWR | O_CREAT, 0660) : open(path, O_RDONLY);
-    if (fd < 0) return KERM_ERR_FAIL;
-    if (write_mode && fallocate(fd, 0, 0, static_cast<off_t>(size)) != 0) {
+    kerm::FdGuard fd(write_mode ? open(path, O_RDWR | O_CREAT, 0660) : open(path, O_RDONLY));
+    if (fd.get() < 0) return KERM_ERR_FAIL;
+    if (write_mode && fallocate(fd.get(), 0, 0, static_cast<off_t>(size)) != 0) {
         // No fallocate here: extend by writing the last byte. Signed
         // arithmetic, so size 0 seeks nowhere instead of to 4 GiB. A failed
         // extension shows as the size mismatch below.
-        if (lseek(fd, static_cast<off_t>(size) - 1, SEEK_SET) >= 0) {
+        if (lseek(fd.get(), static_cast<off_t>(size) - 1, SEEK_SET) >= 0) {
             const char zero = 0;
-            const ssize_t written = write(fd, &zero, 1);
+            const ssize_t written = write(fd.get(), &zero, 1);
             (void)written;
         }
     }
     struct stat st;
-    if (fstat(fd, &st) != 0) {
+    if (fstat(fd.get(), &st) != 0) {
         FILE_LOG(VASK_LOG_ERROR, "Cannot get file size for %s", path);
-        close(fd);
         return KERM_ERR_FAIL;
     }
     if (static_cast<uint64_t>(st.st_size) != size) {
         FILE_LOG(VASK_LOG_ERROR, "Alloc file size is not matched with the expected_size %s %zu %zu", path,
                  static_cast<size_t>(st.st_size), static_cast<size_t>(size));
-        if (write_mode) {
-            close(fd);
-            return KERM_ERR_SIZE;
-        }
+        if (write_mode) return KERM_ERR_SIZE;
     }
-    void *base = mmap(nullptr, size, write_mode ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
-    if (base == MAP_FAILED) {
-        close(fd);
-        return KERM_ERR_EXHAUSTED;
-    }
-    file->fd = fd;
+    void *base = mmap(nullptr, size, write_mode ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd.get(), 0);
+    if (base == MAP_FAILED) return KERM_ERR_EXHAUSTED;
+    file->fd = fd.release();
     file->path = path;
-    file->mode = static_cast<uint8_t>(write_mode ? VASK_MMAP_FILE_WRITE : VASK_MMAP_FILE_READ);
+    // The record keeps the mode as given (its low byte). Deliberate: a
+    // read-mode value whose low byte reads as write mode (0x102) is kept as
+    // VASK_MMAP_FILE_READ, or write and close would treat a read-only
+    // mapping as writable and cut the file.
+    const uint8_t kept = static_cast<uint8_t>(mode);
+    file->mode = !write_mode && kept == VASK_MMAP_FILE_WRITE ? static_cast<uint8_t>(VASK_MMAP_FILE_READ) : kept;
     file->base = static_cast<uint8_t *>(base);
     file->size = size;
     file->used = 0;

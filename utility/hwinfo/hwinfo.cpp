@@ -9,6 +9,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "common/kerm_guard.h"
 #include "common/kerm_internal.h"
 
 namespace {
@@ -32,13 +33,14 @@ uint32_t cmdline_value(const char *key, const char *what, uint8_t *dst, int32_t 
         const char *hit = strstr(line, key);
         if (hit == nullptr) continue;
         value = hit + strlen(key);
-        // Only NUL and blank end the value (c & 0xDF == 0): the kernel's
+        // Deliberate: only NUL and blank end the value (c & 0xDF == 0): the kernel's
         // trailing newline stays part of a value at the end of the line.
         for (unsigned char c; (c = static_cast<unsigned char>(value[n])) & 0xDF; ++n) printf("char %2x\n", c);
         break;
     }
     if (fp != nullptr) fclose(fp);
-    // A buffer that cannot hold the value is a build fault of the caller.
+    // Deliberate: a buffer that cannot hold the value is a build fault of the
+    // caller; the process ends.
     if (static_cast<int64_t>(n) >= size) {
         printf("should set enough size for %s\n", what);
         exit(-1);
@@ -60,33 +62,33 @@ KERM_API int32_t get_hw_str(char *dst, uint32_t len) noexcept {
     }
     char pathbuf[PATH_MAX];
     const char *path = kerm::platform_path(kConfigPath, pathbuf, sizeof pathbuf);
-    // The descriptor and the parsed tree are kept for the process's life: the
-    // call is made once, at start-up.
+    // Deliberate: the descriptor and the parsed tree are kept for the
+    // process's life, on every path; the call is made once, at start-up.
     int fd = open(path, O_RDONLY);
     if (fd < 0) {
         printf("Open file failed! %d", fd);
         return -1;
     }
-    char *text = static_cast<char *>(malloc(kConfigReadMax + 1));
-    if (text == nullptr) {
-        puts("get_hw_str: out of memory");
-        return -1;
+    cJSON *root;
+    {
+        kerm::MallocGuard<char> text(static_cast<char *>(malloc(kConfigReadMax + 1)));
+        if (text.get() == nullptr) {
+            puts("get_hw_str: out of memory");
+            return -1;
+        }
+        const ssize_t got = read(fd, text.get(), kConfigReadMax);
+        if (got <= 0) {
+            printf("Read file failed! %d", static_cast<int>(got));
+            return -1;
+        }
+        // A file of kConfigReadMax bytes or more is cut there.
+        text.get()[got] = '\0';
+        root = cJSON_Parse(text.get());
+        if (root == nullptr) {
+            printf("Parse json file fail please check your json file!\n %s", text.get());
+            return -1;
+        }
     }
-    const ssize_t got = read(fd, text, kConfigReadMax);
-    if (got <= 0) {
-        printf("Read file failed! %d", static_cast<int>(got));
-        free(text);
-        return -1;
-    }
-    // A file of kConfigReadMax bytes or more is cut there.
-    text[got] = '\0';
-    cJSON *root = cJSON_Parse(text);
-    if (root == nullptr) {
-        printf("Parse json file fail please check your json file!\n %s", text);
-        free(text);
-        return -1;
-    }
-    free(text);
     const cJSON *platform = cJSON_GetObjectItem(root, "platform");
     if (platform == nullptr) {
         puts("Can't find platform domain");

@@ -1,5 +1,8 @@
 // Allocation tracking: every tracked block carries a header naming the
 // allocating file and line, and all live blocks hang on one list.
+//
+// The list's mutex is the only lock; every user is in this file and none
+// takes another lock while holding it.
 #include "kerm_memcheck.h"
 
 #include <pthread.h>
@@ -7,6 +10,7 @@
 #include <string.h>
 #include <sys/types.h>
 
+#include "common/kerm_guard.h"
 #include "common/kerm_internal.h"
 #include "log/android_backend.h"
 
@@ -42,11 +46,10 @@ void *track(BlockHeader *h, uint32_t size, const char *file, uint32_t line) {
     h->line = line;
     h->size = static_cast<int32_t>(size);
     h->prev = nullptr;
-    kerm::lock_or_abort(&g_lock);
+    kerm::MutexGuard hold(&g_lock);
     h->next = g_head;
     if (g_head != nullptr) g_head->prev = h;
     g_head = h;
-    kerm::unlock_or_abort(&g_lock);
     return user_of(h);
 }
 
@@ -71,7 +74,7 @@ KERM_API void *ut_malloc(uint32_t size, const char *file, uint32_t line) noexcep
 }
 
 KERM_API void *ut_calloc(uint32_t count, uint32_t size, const char *file, uint32_t line) noexcept {
-    // The product wraps at 32 bits, as on the target.
+    // Deliberate: the product wraps at 32 bits, as on the target.
     const uint32_t total = count * size;
     void *raw = fits(total) ? calloc(1, sizeof(BlockHeader) + total) : nullptr;
     if (raw == nullptr) return nullptr;
@@ -81,12 +84,15 @@ KERM_API void *ut_calloc(uint32_t count, uint32_t size, const char *file, uint32
 KERM_API void ut_free(void *ptr) noexcept {
     if (ptr == nullptr) return;
     BlockHeader *h = header_of(ptr);
+    // Deliberate: flipped before the lock is taken, so a scan that meets the
+    // block mid-release skips it.
     __atomic_store_n(&h->size, ~h->size, __ATOMIC_RELAXED);
-    kerm::lock_or_abort(&g_lock);
-    if (h->prev != nullptr) h->prev->next = h->next;
-    else g_head = h->next;
-    if (h->next != nullptr) h->next->prev = h->prev;
-    kerm::unlock_or_abort(&g_lock);
+    {
+        kerm::MutexGuard hold(&g_lock);
+        if (h->prev != nullptr) h->prev->next = h->next;
+        else g_head = h->next;
+        if (h->next != nullptr) h->next->prev = h->prev;
+    }
     free(h);
 }
 
@@ -97,7 +103,8 @@ KERM_API void *ut_realloc(void *ptr, uint32_t size, const char *file, uint32_t l
         return nullptr;
     }
     const int32_t old_size = header_of(ptr)->size;
-    // Blocks never shrink: the old block, its size, file and line stay.
+    // Deliberate: blocks never shrink; the old block, its size, file and line
+    // stay.
     if (static_cast<int64_t>(size) <= old_size) return ptr;
     void *fresh = ut_malloc(size, file, line);
     if (fresh == nullptr) return nullptr;
@@ -108,6 +115,9 @@ KERM_API void *ut_realloc(void *ptr, uint32_t size, const char *file, uint32_t l
 
 KERM_API int32_t ut_memory_dumpleak(void) noexcept {
     int32_t reported = 0;
+    // Under the lock: a release on another thread cannot free the block the
+    // walk stands on.
+    kerm::MutexGuard hold(&g_lock);
     for (BlockHeader *h = g_head; h != nullptr; h = h->next) {
         const int32_t size = recorded_size(h);
         if (size < 0) continue;
@@ -122,6 +132,8 @@ KERM_API int32_t ut_memory_dumpleak(void) noexcept {
     return reported;
 }
 
+// Deliberate: no lock, as callers expect of a check made when the process is
+// quiescent (at exit); a block being released shows a negative size.
 KERM_API int32_t ut_memory_checkleak(void) noexcept {
     for (const BlockHeader *h = g_head; h != nullptr; h = h->next)
         if (recorded_size(h) >= 0) return -1;

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include "common/kerm_guard.h"
 #include "common/kerm_internal.h"
 
 // The handle is five 32-bit words on the target.
@@ -102,19 +103,19 @@ void store(T *out, T value) noexcept {
 extern "C" {
 
 vask_shmem *vask_util_create_shmem(uint32_t phys_addr, uint32_t size) noexcept {
-    int fd = open_dev_mem();
+    kerm::FdGuard fd(open_dev_mem());
     vask_shmem *h = static_cast<vask_shmem *>(calloc(1, sizeof *h));
-    if (h == nullptr) {
-        if (fd >= 0) close(fd);
-        return nullptr;
-    }
-    h->fd = fd;
+    if (h == nullptr) return nullptr;
+    // Deliberate: neither the open nor the mapping is checked; a handle with
+    // descriptor -1 or mapping -1 is still handed out, and the time-sync
+    // callers test only for a null handle.
+    h->fd = fd.release();
     h->size = size;
     h->page_offset = phys_addr & kPageMask;
     h->map_len = (size + kPageMask) & ~kPageMask;
     // Widen before use: 0xFFFC1000 must reach mmap as a positive 64-bit offset.
     const off_t page_start = static_cast<off_t>(static_cast<uint64_t>(phys_addr & ~kPageMask));
-    h->base = mmap(nullptr, h->map_len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, page_start);
+    h->base = mmap(nullptr, h->map_len, PROT_READ | PROT_WRITE, MAP_SHARED, h->fd, page_start);
     return h;
 }
 
@@ -197,7 +198,7 @@ int32_t vask_util_get_synctime_from_shmem(uint32_t *index, uint64_t *local_time,
     if (!b.ok()) return KERM_ERR_NO_MEMORY;
     const uint64_t local = vask_util_get_shmem_u64(b.get(), VASK_SYNC_LOCAL_TIME);
     const uint32_t idx = vask_util_get_shmem_u32(b.get(), VASK_SYNC_INDEX);
-    // 32-bit product on purpose: existing readers of this value expect it to
+    // Deliberate: a 32-bit product; existing readers of this value expect it to
     // wrap after 2^32 microseconds.
     const uint32_t us32 = ssfn_ms(vask_util_get_shmem_u32(b.get(), VASK_SYNC_SSFN_LATCH)) * 1000u;
     store(local_time, local);
@@ -213,21 +214,22 @@ int32_t vask_util_sdr_init(void) noexcept {
         KERM_LOG(KERM_MOD_SDR, VASK_LOG_ERROR, kFile, "util sdr init again\n");
         return KERM_ERR_FAIL;
     }
-    const int fd = open_dev_mem();
-    if (fd < 0) {
+    kerm::FdGuard fd(open_dev_mem());
+    if (fd.get() < 0) {
         const int err = errno;
         KERM_LOG(KERM_MOD_SDR, VASK_LOG_ERROR, kFile, "util sdr open dev/mem failed %s\n", strerror(err));
         return KERM_ERR_FAIL;
     }
     KERM_LOG(KERM_MOD_SDR, VASK_LOG_ERROR, kFile, "util sdr mmap2 \n");
-    void *addr = mmap(nullptr, kSdrMapLen, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    void *addr = mmap(nullptr, kSdrMapLen, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (addr == MAP_FAILED) {
         const int err = errno;
-        // The descriptor is deliberately left open, as existing callers expect.
+        // Deliberate: the descriptor stays open, as existing callers expect.
+        fd.release();
         KERM_LOG(KERM_MOD_SDR, VASK_LOG_ERROR, kFile, "util sdr mmap failed res %s\n", strerror(err));
         return KERM_ERR_FAIL;
     }
-    g_sdr = {fd, addr, kSdrParamOffset, kSdrMapLen, true};
+    g_sdr = {fd.release(), addr, kSdrParamOffset, kSdrMapLen, true};
     return KERM_OK;
 }
 

@@ -103,7 +103,7 @@ extern "C" uint32_t wl_enc_timing_sei(uint8_t *dst, uint32_t codec, int32_t free
     for (uint32_t i = 0; i < cnt; ++i) {
         const uint32_t at = pos + kFirstItem + kItemLen * i;
         if (at > kLastItemStart) {
-            // Not an error: the first twelve items go out.
+            // Deliberate: not an error; the first twelve items go out.
             SEI_LOG(VASK_LOG_ERROR, "timing sei is full, no enough space for new item idx %u\n", i);
             break;
         }
