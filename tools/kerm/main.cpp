@@ -63,7 +63,7 @@ std::string command_path(CLI::App *root, CLI::App *leaf) {
 std::string describe(const CLI::ParseError &e) {
     const std::string msg = e.what();
     const size_t colon = msg.find(": ");
-    if (e.get_name() == "ExtrasError" && colon != std::string::npos) {
+    if (dynamic_cast<const CLI::ExtrasError *>(&e) != nullptr && colon != std::string::npos) {
         const std::string arg = msg.substr(colon + 2);
         return arg + (arg.size() > 1 && arg[0] == '-' ? ": unknown option" : ": unexpected argument");
     }
@@ -120,7 +120,7 @@ int run(int argc, char **argv) {
         }
         if (find_command(argv[2]) == nullptr)
             return usage_error("help", std::string(argv[2]) + ": unknown command");
-        fputs(app.get_subcommand(argv[2])->help().c_str(), stdout);
+        fputs(app.get_subcommand(argv[2])->help("kerm").c_str(), stdout);
         return finish("help", kExitOk);
     }
     if (find_command(first) == nullptr) {
@@ -130,7 +130,7 @@ int run(int argc, char **argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &) {
-        fputs(selected(&app)->help().c_str(), stdout);
+        fputs(app.help().c_str(), stdout);  // the selected subcommand's, under its full name
         return finish(first, kExitOk);
     } catch (const CLI::ParseError &e) {
         return usage_error(command_path(&app, selected(&app)), describe(e));
