@@ -24,10 +24,15 @@ std::string trimmed(const uint8_t *value, uint32_t len) {
 
 int run() {
     char hw[256] = {0};
-    const int32_t hw_rc = get_hw_str(hw, sizeof hw - 1);
+    int32_t hw_rc;
     static uint8_t chip[kSerialMax], board[kSerialMax];
-    const std::string chip_sn = trimmed(chip, get_chip_sn(chip, kSerialMax));
-    const std::string board_sn = trimmed(board, get_board_sn(board, kSerialMax));
+    std::string chip_sn, board_sn;
+    {
+        kerm_tool::LibraryOutputToStderr quiet(g_json);
+        hw_rc = get_hw_str(hw, sizeof hw - 1);
+        chip_sn = trimmed(chip, get_chip_sn(chip, kSerialMax));
+        board_sn = trimmed(board, get_board_sn(board, kSerialMax));
+    }
     if (g_json) {
         cJSON *o = cJSON_CreateObject();
         if (hw_rc == 0) cJSON_AddStringToObject(o, "hw_str", hw);

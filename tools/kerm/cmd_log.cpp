@@ -73,13 +73,14 @@ struct LevelFilter {
     bool passes(int module, int level) const { return level < 0 || level <= threshold(module); }
 };
 
-int level_of(const std::string &text) {
+// A level letter; `what` names where it came from in the message.
+int level_of(const std::string &what, const std::string &text) {
     if (text.size() == 1) {
         if (text[0] == 'S' || text[0] == 's') return kSilent;
         const char *p = strchr(kLetters, toupper(static_cast<unsigned char>(text[0])));
         if (p != nullptr && *p != '\0') return static_cast<int>(p - kLetters);
     }
-    throw kerm_tool::UsageError{"'" + text + "'", "not a level (F, E, W, I, T, V or S)"};
+    throw kerm_tool::UsageError{what, "'" + text + "' is not a level (F, E, W, I, T, V or S)"};
 }
 
 unsigned module_of(const std::string &what, const std::string &text) {
@@ -102,7 +103,7 @@ struct LogcatArgs {
 
 LevelFilter build_filter(const LogcatArgs &a) {
     LevelFilter f;
-    const int level = a.level.empty() ? VASK_LOG_VERBOSE : level_of(a.level);
+    const int level = a.level.empty() ? VASK_LOG_VERBOSE : level_of("--level", a.level);
     if (a.modules.empty()) {
         f.def = level;
     } else {
@@ -113,7 +114,7 @@ LevelFilter build_filter(const LogcatArgs &a) {
         const size_t colon = spec.find(':');
         if (colon == std::string::npos)
             throw kerm_tool::UsageError{"'" + spec + "'", "a filter is MODULE:LEVEL or *:LEVEL"};
-        const int l = level_of(spec.substr(colon + 1));
+        const int l = level_of("'" + spec + "'", spec.substr(colon + 1));
         const std::string mod = spec.substr(0, colon);
         if (mod == "*") f.def = l;
         else f.modules.insert(f.modules.begin(), {module_of("'" + spec + "'", mod), l});
@@ -158,7 +159,7 @@ std::string formatted(const std::string &format, const char *line, const Parsed 
 
 int logcat() {
     const LogcatArgs &a = g_logcat;
-    const LevelFilter filter = build_filter(a);
+    const LevelFilter filter = build_filter(a);  // before anything binds or opens
     RotatingFile out;
     out.path = a.output;
     out.max_bytes = a.max_bytes;

@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <inttypes.h>
 
@@ -76,6 +77,23 @@ FILE *open_input(const std::string &path, const char *cmd) {
 
 void close_input(FILE *f) {
     if (f != nullptr && f != stdin) fclose(f);
+}
+
+LibraryOutputToStderr::LibraryOutputToStderr(bool active) {
+    if (!active) return;
+    fflush(stdout);
+    saved_ = dup(STDOUT_FILENO);
+    if (saved_ >= 0 && dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+        close(saved_);
+        saved_ = -1;
+    }
+}
+
+LibraryOutputToStderr::~LibraryOutputToStderr() {
+    if (saved_ < 0) return;
+    fflush(stdout);
+    dup2(saved_, STDOUT_FILENO);
+    close(saved_);
 }
 
 namespace {

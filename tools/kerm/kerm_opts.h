@@ -70,6 +70,19 @@ std::string input_name(const std::string &path);
 // Closes what open_input opened (not standard input).
 void close_input(FILE *f);
 
+// For its scope, what the library itself prints on standard output goes to
+// standard error, so that with --json standard output carries records only.
+class LibraryOutputToStderr {
+public:
+    explicit LibraryOutputToStderr(bool active);
+    ~LibraryOutputToStderr();
+    LibraryOutputToStderr(const LibraryOutputToStderr &) = delete;
+    LibraryOutputToStderr &operator=(const LibraryOutputToStderr &) = delete;
+
+private:
+    int saved_ = -1;
+};
+
 // Writes `obj` on one line of standard output and frees it.
 void emit_json(cJSON *obj);
 // Whether a record could not be printed (out of memory).
