@@ -119,6 +119,8 @@ run sei dump "$tmp/missing"
 [ "$rc" = 1 ] && [[ $err == "kerm sei: $tmp/missing: No such file"* ]] || fail "sei dump missing: rc $rc, '$err'"
 run sei stamp --codec h264 /etc "$tmp/out.264"
 [ "$rc" = 1 ] && [ "$err" = "kerm sei: /etc: Is a directory" ] || fail "sei stamp /etc: rc $rc, '$err'"
+run sei dump -   # standard input, here empty
+[ "$rc" = 1 ] && [[ $err == *"kerm sei: standard input: no stamped frame" ]] || fail "sei dump -: rc $rc, '$err'"
 KERM_UTIL_ROOT=$tmp/noroot run timesync show
 [ "$rc" = 1 ] && [[ $err == "kerm timesync: $tmp/noroot/dev/mem: No such file"* ]] || fail "timesync: '$err'"
 

@@ -167,8 +167,8 @@ public:
         const FreeSpace fs = space();
         worst_largest_ = fs.largest;
         start_ = fs;
-        if (!json)
-            printf("regions:          %zu, %zu bytes free to allocate (largest block %zu)\n", firsts_.size(), fs.total,
+        if (json) return;
+        printf("regions:          %zu, %zu bytes free to allocate (largest block %zu)\n", firsts_.size(), fs.total,
                fs.largest);
     }
 

@@ -496,7 +496,8 @@ int run_dump() {
     if (rest != 0)
         fprintf(stderr, "kerm sei: %s: %zu trailing bytes without a frame tail\n", kerm_tool::input_name(in_path).c_str(),
                 rest);
-    return frames.empty() ? kerm_tool::kExitFailure : kerm_tool::kExitOk;
+    if (frames.empty()) return kerm_tool::fail("sei", kerm_tool::input_name(in_path), "no stamped frame");
+    return kerm_tool::kExitOk;
 }
 
 // Input, frames and their copies live in memory; when it runs short the

@@ -1,11 +1,11 @@
 #include "kerm_opts.h"
 
+#include <ctype.h>
 #include <errno.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <inttypes.h>
 
 namespace kerm_tool {
 

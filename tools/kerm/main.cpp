@@ -81,7 +81,8 @@ int finish(const std::string &cmd, int rc) {
     const bool bad = fflush(stdout) != 0 || ferror(stdout) != 0 || json_failed();
     const int err = errno;
     if (fclose(stdout) != 0 || bad) {
-        fprintf(stderr, "kerm %s: standard output: %s\n", cmd.c_str(), json_failed() ? "out of memory" : strerror(err));
+        fprintf(stderr, "kerm%s%s: standard output: %s\n", cmd.empty() ? "" : " ", cmd.c_str(),
+                json_failed() ? "out of memory" : strerror(err));
         return rc == kExitOk ? kExitFailure : rc;
     }
     return rc;
