@@ -20,7 +20,7 @@ h265_frame() { printf '\0\0\0\1\x40\x01\x0c\0\0\0\1\x42\x01\x01\0\0\0\1\x44\x01\
 refused() {  # refused CODEC FILE
     local rc=0
     "${kerm[@]}" sei stamp --codec "$1" "$2" "$tmp/out" 2>"$tmp/err" || rc=$?
-    [ "$rc" -eq 1 ] && grep -q "is not an H.26[45] stream" "$tmp/err" || fail "$1 on $2: exit $rc, $(cat "$tmp/err")"
+    [ "$rc" -eq 1 ] && grep -q ": not an H.26[45] stream" "$tmp/err" || fail "$1 on $2: exit $rc, $(cat "$tmp/err")"
     [ ! -e "$tmp/out" ] || fail "$1 on $2 wrote an output"
 }
 refused h265 "$tmp/in.264"

@@ -17,8 +17,8 @@
 
 #include <atomic>
 
-#include "kerm_cmd.h"
 #include "kerm_hms.h"
+#include "kerm_opts.h"
 
 namespace {
 
@@ -40,17 +40,23 @@ int64_t now_ms() {
     return int64_t{t.tv_sec} * 1000 + t.tv_nsec / 1000000;
 }
 
-// "--name value" options; returns the value or nullptr.
-const char *opt(int argc, char **argv, const char *name) {
-    for (int i = 1; i + 1 < argc; ++i)
-        if (strcmp(argv[i], name) == 0) return argv[i + 1];
-    return nullptr;
-}
+constexpr uint64_t kMaxMs = 24ull * 3600 * 1000;  // a day: far beyond any useful wait
+// A reporter that sent nothing for this long gives up its slot (its report
+// period is far shorter: every normal period brings at least a heartbeat).
+constexpr long kDefaultReporterIdleMs = 10000;
 
-long opt_num(int argc, char **argv, const char *name, long def) {
-    const char *v = opt(argc, argv, name);
-    return v != nullptr ? strtol(v, nullptr, 0) : def;
-}
+struct MonitorArgs {
+    unsigned port = 0;
+    long idle_exit_ms = 0, timeout_ms = 0, reporter_idle_ms = kDefaultReporterIdleMs;
+    bool json = false;
+} g_mon;
+
+struct DemoArgs {
+    unsigned port = 0, host = 1, max_items = 5;
+    int cycles_per_step = 2;
+    long period_ms = 50, busy_ms = 5, timeout_ms = 60000;
+    std::string script;
+} g_demo;
 
 sockaddr_in loopback(uint16_t port) {
     sockaddr_in a{};
@@ -63,9 +69,6 @@ sockaddr_in loopback(uint16_t port) {
 // ---------------------------------------------------------------- monitor
 
 constexpr int kMaxReporters = 16;
-// A reporter that sent nothing for this long gives up its slot (its report
-// period is far shorter: every normal period brings at least a heartbeat).
-constexpr long kDefaultReporterIdleMs = 10000;
 // A status-0 record for a point nobody reports: it makes an empty report a
 // non-empty batch, so the server sync clears everything the reporter held.
 constexpr vask_hms_err kEmptyReportMarker{0xFFFFFFFFu, 0xFF, 0};
@@ -89,8 +92,19 @@ struct Monitor {
 };
 
 void print_event(void *user, const char *what, const vask_hms_err *e) {
-    printf("[%s] %s code=0x%08x index=%u status=%u\n", static_cast<Reporter *>(user)->name, what,
-           static_cast<unsigned>(e->code), e->index, e->status);
+    const char *name = static_cast<Reporter *>(user)->name;
+    if (g_mon.json) {
+        cJSON *o = cJSON_CreateObject();
+        cJSON_AddStringToObject(o, "reporter", name);
+        cJSON_AddStringToObject(o, "event", what);
+        kerm_tool::json_hex(o, "code", e->code, 8);
+        cJSON_AddNumberToObject(o, "index", e->index);
+        cJSON_AddNumberToObject(o, "status", e->status);
+        kerm_tool::emit_json(o);
+    } else {
+        printf("[%s] %s code=0x%08x index=%u status=%u\n", name, what, static_cast<unsigned>(e->code), e->index,
+               e->status);
+    }
     fflush(stdout);
 }
 
@@ -116,7 +130,7 @@ void forget(Monitor *m, Reporter *r) {
 void expire_idle(Monitor *m, int64_t now) {
     for (Reporter &r : m->reporters) {
         if (!r.used || now - r.last_rx_ms < m->idle_ms) continue;
-        fprintf(stderr, "hms-monitor: reporter %s silent for %lld ms, forgotten\n", r.name,
+        fprintf(stderr, "kerm hms-monitor: reporter %s silent for %lld ms, forgotten\n", r.name,
                 static_cast<long long>(now - r.last_rx_ms));
         forget(m, &r);
     }
@@ -132,7 +146,7 @@ Reporter *reporter_for(Monitor *m, const sockaddr_in &from, const uint8_t *b) {
     }
     if ((b[2] & VASK_HMS_MSG_INDEX) != 0) return nullptr;
     if (free_slot == nullptr) {
-        fprintf(stderr, "hms-monitor: too many reporters\n");
+        fprintf(stderr, "kerm hms-monitor: too many reporters\n");
         return nullptr;
     }
     Reporter *r = free_slot;
@@ -162,7 +176,7 @@ void take_report(Monitor *m, Reporter *r, const uint8_t *b, size_t len) {
         r->entries = 0;
     } else if (!r->in_cycle || b[1] != r->seq || index != r->next_index) {
         // A lost message would make the batch look like cleared errors.
-        if (r->in_cycle) fprintf(stderr, "hms-monitor: incomplete cycle from %s dropped\n", r->name);
+        if (r->in_cycle) fprintf(stderr, "kerm hms-monitor: incomplete cycle from %s dropped\n", r->name);
         vask_hms_data_reset_recv(&r->store, &m->pool);
         r->in_cycle = false;
         return;
@@ -174,7 +188,7 @@ void take_report(Monitor *m, Reporter *r, const uint8_t *b, size_t len) {
         e.index = b[off + 4];
         e.status = b[off + 5];
         if (vask_hms_data_insert(&r->store, &m->pool, &e) != 0)
-            fprintf(stderr, "hms-monitor: no room for an entry from %s\n", r->name);
+            fprintf(stderr, "kerm hms-monitor: no room for an entry from %s\n", r->name);
         r->entries++;
     }
     if ((b[2] & VASK_HMS_MSG_LAST) == 0) return;
@@ -183,34 +197,37 @@ void take_report(Monitor *m, Reporter *r, const uint8_t *b, size_t len) {
     r->in_cycle = false;
 }
 
-int run_monitor(int argc, char **argv) {
-    const long port = opt_num(argc, argv, "--port", 0);
-    const long idle_exit_ms = opt_num(argc, argv, "--idle-exit-ms", 0);
-    const long timeout_ms = opt_num(argc, argv, "--timeout-ms", 0);
-    const long reporter_idle_ms = opt_num(argc, argv, "--reporter-idle-ms", kDefaultReporterIdleMs);
-    if (port < 0 || port > 65535 || reporter_idle_ms < 1) {
-        fprintf(stderr,
-                "usage: kerm hms-monitor [--port N] [--idle-exit-ms MS] [--timeout-ms MS] [--reporter-idle-ms MS]\n");
-        return 2;
-    }
+int run_monitor() {
+    const unsigned port = g_mon.port;
+    const long idle_exit_ms = g_mon.idle_exit_ms;
+    const long timeout_ms = g_mon.timeout_ms;
+    const long reporter_idle_ms = g_mon.reporter_idle_ms;
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in addr = loopback(static_cast<uint16_t>(port));
     socklen_t alen = sizeof addr;
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
         getsockname(fd, reinterpret_cast<sockaddr *>(&addr), &alen) != 0) {
-        perror("hms-monitor: socket");
+        kerm_tool::fail("hms-monitor", "socket", strerror(errno));
         if (fd >= 0) close(fd);
-        return 1;
+        return kerm_tool::kExitFailure;
     }
     static Monitor m;
     m.idle_ms = reporter_idle_ms;
     if (vask_hms_pool_init(&m.pool, VASK_HMS_POOL_MAX) != 0) {
         close(fd);
-        return 1;
+        return kerm_tool::fail("hms-monitor", "pool", strerror(ENOMEM));
     }
     install_handler(SIGINT, on_stop);
     install_handler(SIGTERM, on_stop);
-    printf("listening 127.0.0.1:%u\n", ntohs(addr.sin_port));
+    if (g_mon.json) {
+        cJSON *o = cJSON_CreateObject();
+        char where[32];
+        snprintf(where, sizeof where, "127.0.0.1:%u", ntohs(addr.sin_port));
+        cJSON_AddStringToObject(o, "listening", where);
+        kerm_tool::emit_json(o);
+    } else {
+        printf("listening 127.0.0.1:%u\n", ntohs(addr.sin_port));
+    }
     fflush(stdout);
     const int64_t start = now_ms();
     int64_t last_rx = -1;  // the idle bound runs from the first message on
@@ -231,7 +248,7 @@ int run_monitor(int argc, char **argv) {
         if (!well_formed(buf, static_cast<size_t>(n))) {
             char name[32];
             name_of(from, name, sizeof name);
-            fprintf(stderr, "hms-monitor: malformed message of %zd bytes from %s\n", n, name);
+            fprintf(stderr, "kerm hms-monitor: malformed message of %zd bytes from %s\n", n, name);
             continue;
         }
         Reporter *r = reporter_for(&m, from, buf);
@@ -352,7 +369,7 @@ int32_t demo_send(void *user, uint16_t host, const uint8_t *msg, uint16_t len) {
         const int next = d->step.load() + 1;
         if (next < d->step_count) {
             d->step.store(next);
-            fprintf(stderr, "hms-demo: step %d\n", next);
+            fprintf(stderr, "kerm hms-demo: step %d\n", next);
         } else if (next == d->step_count) {
             d->cycles_per_step = 1 << 30;  // hold the last state until destroyed
             sem_post(&d->done);
@@ -364,29 +381,19 @@ int32_t demo_send(void *user, uint16_t host, const uint8_t *msg, uint16_t len) {
 constexpr const char *kDefaultScript =
     ";0x100:0=1,0x100:1=2;0x100:0=3;0x100:0=3,0x200:0-11=5;0x200:0-5=5,0x200:6-11=6;";
 
-int run_demo(int argc, char **argv) {
-    const long port = opt_num(argc, argv, "--port", 0);
-    const char *script = opt(argc, argv, "--script");
+int run_demo() {
+    const DemoArgs &a = g_demo;
+    const unsigned port = a.port;
     static Demo d;
-    d.host = static_cast<uint16_t>(opt_num(argc, argv, "--host", 1));
-    d.cycles_per_step = static_cast<int>(opt_num(argc, argv, "--cycles-per-step", 2));
-    const long period_ms = opt_num(argc, argv, "--period-ms", 50);
-    const long busy_ms = opt_num(argc, argv, "--busy-ms", 5);
-    const long max_items = opt_num(argc, argv, "--max-items", 5);
-    const long timeout_ms = opt_num(argc, argv, "--timeout-ms", 60000);
-    if (port <= 0 || port > 65535 || d.cycles_per_step < 1 || period_ms < 1 || busy_ms < 1 || max_items < 1 ||
-        max_items > 255 || !parse_script(&d, script != nullptr ? script : kDefaultScript) || !build_rules(&d)) {
-        fprintf(stderr,
-                "usage: kerm hms-demo --port N [--host H] [--script S] [--cycles-per-step K]\n"
-                "       [--period-ms P] [--busy-ms B] [--max-items M] [--timeout-ms T]\n"
-                "script: steps separated by ';', entries CODE:INDEX=STATUS or CODE:FIRST-LAST=STATUS\n");
-        return 2;
-    }
+    d.host = static_cast<uint16_t>(a.host);
+    d.cycles_per_step = a.cycles_per_step;
+    const long period_ms = a.period_ms, busy_ms = a.busy_ms, max_items = a.max_items, timeout_ms = a.timeout_ms;
+    if (!parse_script(&d, a.script.empty() ? kDefaultScript : a.script.c_str()))
+        throw kerm_tool::UsageError{"--script", "'" + a.script + "' is not a script of CODE:INDEX=STATUS entries"};
+    if (!build_rules(&d))
+        throw kerm_tool::UsageError{"--script", "more than " + std::to_string(kMaxRules) + " distinct codes"};
     d.fd = socket(AF_INET, SOCK_DGRAM, 0);
-    if (d.fd < 0) {
-        perror("hms-demo: socket");
-        return 1;
-    }
+    if (d.fd < 0) return kerm_tool::fail("hms-demo", "socket", strerror(errno));
     d.to = loopback(static_cast<uint16_t>(port));
     sem_init(&d.done, 0, 0);
     // The client wakes its worker with SIGUSR1 on destroy.
@@ -407,9 +414,8 @@ int run_demo(int argc, char **argv) {
     if (rc == 0) rc = vask_hms_set_subscriber(client, d.host, 1);
     if (rc == 0) rc = vask_hms_start_client(client);
     if (rc != 0) {
-        fprintf(stderr, "hms-demo: client setup failed: %d\n", rc);
         close(d.fd);
-        return 1;
+        return kerm_tool::fail("hms-demo", "client setup", "failed (" + std::to_string(rc) + ")");
     }
     struct timespec until;
     clock_gettime(CLOCK_REALTIME, &until);
@@ -426,14 +432,44 @@ int run_demo(int argc, char **argv) {
     vask_hms_destroy_client(client);
     close(d.fd);
     if (finished != 0) {
-        fprintf(stderr, "hms-demo: script did not finish\n");
-        return 1;
+        return kerm_tool::fail("hms-demo", "script", g_stop ? "interrupted" : "did not finish in time");
     }
-    fprintf(stderr, "hms-demo: script done (%d steps)\n", d.step_count);
+    fprintf(stderr, "kerm hms-demo: script done (%d steps)\n", d.step_count);
     return 0;
+}
+
+kerm_tool::Runner setup_monitor(CLI::App &app) {
+    app.description(
+        "Receives health report messages by UDP on 127.0.0.1 and prints, per reporter, the\n"
+        "errors raised, changed and cleared. Prints 'listening 127.0.0.1:PORT' first.");
+    kerm_tool::add_number(app, "-p,--port", g_mon.port, 0, 65535, "UDP port (default 0: any free port)");
+    kerm_tool::add_number(app, "--idle-exit-ms", g_mon.idle_exit_ms, 0, kMaxMs,
+                          "exit once no message came for MS after the first (0: never)");
+    kerm_tool::add_number(app, "--timeout-ms", g_mon.timeout_ms, 0, kMaxMs, "exit after MS (0: never)");
+    kerm_tool::add_number(app, "--reporter-idle-ms", g_mon.reporter_idle_ms, 1, kMaxMs,
+                          "forget a reporter silent for MS (default 10000)");
+    kerm_tool::add_json_flag(app, g_mon.json);
+    return run_monitor;
+}
+
+kerm_tool::Runner setup_demo(CLI::App &app) {
+    app.description(
+        "A health client whose detectors follow a script of error states, reporting by UDP to a\n"
+        "monitor on 127.0.0.1:PORT. Script: steps separated by ';', entries separated by ',',\n"
+        "each CODE:INDEX=STATUS or CODE:FIRST-LAST=STATUS; an empty step has no active error.");
+    kerm_tool::add_number(app, "-p,--port", g_demo.port, 1, 65535, "the monitor's UDP port")->required();
+    kerm_tool::add_number(app, "--host", g_demo.host, 0, 65535, "subscriber index the client reports to (default 1)");
+    app.add_option("--script", g_demo.script, "the script of error states")->type_name("S");
+    kerm_tool::add_number(app, "--cycles-per-step", g_demo.cycles_per_step, 1, 1000000,
+                          "report cycles sent per step (default 2)");
+    kerm_tool::add_number(app, "--period-ms", g_demo.period_ms, 1, 3600000, "report period (default 50)");
+    kerm_tool::add_number(app, "--busy-ms", g_demo.busy_ms, 1, 3600000, "period while a report is split (default 5)");
+    kerm_tool::add_number(app, "--max-items", g_demo.max_items, 1, 255, "entries per message (default 5)");
+    kerm_tool::add_number(app, "--timeout-ms", g_demo.timeout_ms, 1, kMaxMs, "give up after MS (default 60000)");
+    return run_demo;
 }
 
 }  // namespace
 
-KERM_COMMAND("hms-monitor", "receive health reports by UDP on 127.0.0.1 and print error events", run_monitor);
-KERM_COMMAND("hms-demo", "run a scripted health client that reports by UDP to 127.0.0.1", run_demo);
+KERM_COMMAND("hms-monitor", "receive health reports by UDP on 127.0.0.1 and print error events", setup_monitor);
+KERM_COMMAND("hms-demo", "run a scripted health client that reports by UDP to 127.0.0.1", setup_demo);

@@ -3,8 +3,10 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "kerm_cmd.h"
+#include <string>
+
 #include "kerm_hwinfo.h"
+#include "kerm_opts.h"
 
 namespace {
 
@@ -12,29 +14,47 @@ namespace {
 // and end the process.
 constexpr int kSerialMax = 4096;
 
+bool g_json = false;
+
 // A value at the end of the command line carries its newline; show it without.
-void show(const char *name, const uint8_t *value, uint32_t len) {
+std::string trimmed(const uint8_t *value, uint32_t len) {
     while (len > 0 && value[len - 1] == '\n') --len;
-    printf("%s: %.*s\n", name, static_cast<int>(len), reinterpret_cast<const char *>(value));
+    return std::string(reinterpret_cast<const char *>(value), len);
 }
 
-int run_hwinfo(int argc, char **argv) {
-    if (argc > 1) {
-        fprintf(stderr, "usage: kerm %s\n  prints the hardware string and the chip and board serial numbers\n",
-                argv[0]);
-        return strcmp(argv[1], "--help") == 0 ? 0 : 2;
-    }
+int run() {
     char hw[256] = {0};
-    const int32_t hw_rc = get_hw_str(hw, sizeof hw - 1);
+    int32_t hw_rc;
     static uint8_t chip[kSerialMax], board[kSerialMax];
-    const uint32_t chip_len = get_chip_sn(chip, kSerialMax);
-    const uint32_t board_len = get_board_sn(board, kSerialMax);
-    printf("\nhw_str: %s\n", hw_rc == 0 ? hw : "(unavailable)");
-    show("chip_sn", chip, chip_len);
-    show("board_sn", board, board_len);
-    return hw_rc == 0 ? 0 : 1;
+    std::string chip_sn, board_sn;
+    {
+        kerm_tool::LibraryOutputToStderr quiet(g_json);
+        hw_rc = get_hw_str(hw, sizeof hw - 1);
+        chip_sn = trimmed(chip, get_chip_sn(chip, kSerialMax));
+        board_sn = trimmed(board, get_board_sn(board, kSerialMax));
+    }
+    if (g_json) {
+        cJSON *o = cJSON_CreateObject();
+        if (hw_rc == 0) cJSON_AddStringToObject(o, "hw_str", hw);
+        else cJSON_AddNullToObject(o, "hw_str");
+        cJSON_AddStringToObject(o, "chip_sn", chip_sn.c_str());
+        cJSON_AddStringToObject(o, "board_sn", board_sn.c_str());
+        kerm_tool::emit_json(o);
+    } else {
+        printf("\nhw_str: %s\n", hw_rc == 0 ? hw : "(unavailable)");
+        printf("chip_sn: %.*s\n", static_cast<int>(chip_sn.size()), chip_sn.data());
+        printf("board_sn: %.*s\n", static_cast<int>(board_sn.size()), board_sn.data());
+    }
+    if (hw_rc != 0) fprintf(stderr, "kerm hwinfo: hw_str: unavailable (%d)\n", static_cast<int>(hw_rc));
+    return hw_rc == 0 ? kerm_tool::kExitOk : kerm_tool::kExitFailure;
+}
+
+kerm_tool::Runner setup(CLI::App &app) {
+    app.description("Prints the hardware string and the chip and board serial numbers.");
+    kerm_tool::add_json_flag(app, g_json);
+    return run;
 }
 
 }  // namespace
 
-KERM_COMMAND("hwinfo", "print the hardware string and the chip and board serial numbers", run_hwinfo);
+KERM_COMMAND("hwinfo", "print the hardware string and the chip and board serial numbers", setup);

@@ -10,18 +10,16 @@
 #include <string>
 #include <vector>
 
-#include "kerm_cmd.h"
 #include "kerm_mempool.h"
 #include "kerm_opts.h"
 
 namespace {
 
-const char kHelp[] =
-    "usage: kerm pool --size N [--areas K] [--map] [TRACE]\n"
-    "Replays the allocation trace TRACE (standard input when absent or -) against\n"
-    "a memory pool of N bytes (suffix k or m for KiB, MiB). With --areas K the N\n"
-    "bytes are K separate regions: the first set up by init_memory_pool, the others\n"
-    "added with add_new_area. --map prints the block map at the end.\n"
+const char kDescription[] =
+    "Replays the allocation trace TRACE (standard input when absent or -) against a memory pool\n"
+    "of N bytes (suffix k or m for KiB, MiB). With --areas K the N bytes are K separate regions:\n"
+    "the first set up by init_memory_pool, the others added with add_new_area. --map prints the\n"
+    "block map at the end.\n"
     "\n"
     "Trace: one operation per line, fields separated by blanks; '#' starts a comment.\n"
     "  m ID SIZE      malloc SIZE bytes, known as ID from then on\n"
@@ -35,7 +33,7 @@ const char kHelp[] =
     "Reports failed operations (line and size), the peak of bytes in use, the\n"
     "largest free block at the end and at its smallest, and the fragmentation of\n"
     "the free space at the end (1 - largest free block / all free bytes).\n"
-    "Exit status: 0 all operations served, 1 some failed, 2 bad usage or trace.\n";
+    "Here status 1 means some operation failed; a bad trace line is status 2.";
 
 constexpr size_t kAreaGap = 64;  // keeps areas from merging into one region
 
@@ -143,8 +141,9 @@ public:
         return true;
     }
 
-    int report(bool map) {
+    int report(bool map, bool json) {
         const FreeSpace end = space();
+        if (json) return report_json(end);
         printf("operations:       %lu\n", ops_);
         printf("failures:         %zu\n", failures_.size());
         const char *name[] = {"malloc", "calloc", "realloc"};
@@ -164,14 +163,47 @@ public:
         return failures_.empty() ? 0 : 1;
     }
 
-    void start() {
+    void start(bool json) {
         const FreeSpace fs = space();
         worst_largest_ = fs.largest;
+        start_ = fs;
+        if (json) return;
         printf("regions:          %zu, %zu bytes free to allocate (largest block %zu)\n", firsts_.size(), fs.total,
                fs.largest);
     }
 
 private:
+    // One object with the figures of the text report, under its labels.
+    int report_json(const FreeSpace &end) const {
+        static const char *const name[] = {"malloc", "calloc", "realloc"};
+        cJSON *o = cJSON_CreateObject();
+        cJSON_AddNumberToObject(o, "regions", static_cast<double>(firsts_.size()));
+        cJSON_AddNumberToObject(o, "free_to_allocate", static_cast<double>(start_.total));
+        cJSON_AddNumberToObject(o, "operations", static_cast<double>(ops_));
+        cJSON *fails = cJSON_AddArrayToObject(o, "failures");
+        for (const Failure &f : failures_) {
+            cJSON *j = cJSON_CreateObject();
+            cJSON_AddNumberToObject(j, "line", static_cast<double>(f.line));
+            cJSON_AddStringToObject(j, "op", name[f.op == "m" ? 0 : f.op == "c" ? 1 : 2]);
+            cJSON_AddNumberToObject(j, "size", static_cast<double>(f.size));
+            cJSON_AddItemToArray(fails, j);
+        }
+        cJSON_AddNumberToObject(o, "peak_in_use", static_cast<double>(peak_));
+        cJSON_AddNumberToObject(o, "peak_in_blocks", static_cast<double>(peak_blocks_));
+        cJSON_AddNumberToObject(o, "in_use_at_end", static_cast<double>(in_use_));
+        cJSON_AddNumberToObject(o, "buffers_at_end", static_cast<double>(live_.size()));
+        cJSON_AddNumberToObject(o, "largest_free", static_cast<double>(end.largest));
+        cJSON_AddNumberToObject(o, "largest_free_smallest", static_cast<double>(worst_largest_));
+        cJSON_AddNumberToObject(o, "largest_free_smallest_line", static_cast<double>(worst_line_));
+        cJSON_AddNumberToObject(o, "free_at_end", static_cast<double>(end.total));
+        char frag[16];
+        snprintf(frag, sizeof frag, "%.1f",
+                 end.total ? 100.0 * (1.0 - double(end.largest) / double(end.total)) : 0.0);
+        cJSON_AddRawToObject(o, "fragmentation_percent", frag);
+        kerm_tool::emit_json(o);
+        return failures_.empty() ? kerm_tool::kExitOk : kerm_tool::kExitFailure;
+    }
+
     struct Failure {
         unsigned long line;
         std::string op;
@@ -203,35 +235,39 @@ private:
     std::vector<uint8_t *> firsts_;
     std::map<std::string, Live> live_;
     std::vector<Failure> failures_;
+    FreeSpace start_;
     size_t in_use_ = 0, peak_ = 0, peak_blocks_ = 0, worst_largest_ = 0;
     unsigned long ops_ = 0, worst_line_ = 0;
 };
 
-int run_pool(int argc, char **argv) {
-    kerm_tool::ToolArgs opts;
-    kerm_tool::Option options[] = {{"size", "s", 1}, {"areas", "a", 1}, {"map", nullptr, 0}};
-    if (!kerm_tool::parse_tool_args("pool", argc, argv, options, 3, &opts)) return 2;
-    if (opts.help) {
-        fputs(kHelp, stdout);
-        return 0;
-    }
+struct PoolArgs {
     size_t total = 0, areas = 1;
-    if (!parse_size(options[0].value, &total)) {
-        fprintf(stderr, "kerm pool: --size N is required (bytes, or with k/m)\n");
-        return 2;
-    }
-    if (options[1].value != nullptr && (!parse_size(options[1].value, &areas) || areas == 0 || areas > 1024)) {
-        fprintf(stderr, "kerm pool: bad --areas '%s' (1 .. 1024)\n", options[1].value);
-        return 2;
-    }
+    bool map = false, json = false;
+    std::string trace;
+} g_args;
+
+// --size: bytes, or KiB / MiB with k / m.
+CLI::Validator size_check() {
+    return CLI::Validator(
+        [](std::string &value) {
+            size_t v = 0;
+            if (!parse_size(value.c_str(), &v)) return "'" + value + "' is not a size (bytes, or a number with k or m)";
+            value = std::to_string(v);
+            return std::string();
+        },
+        "");
+}
+
+int run_pool() {
+    const size_t total = g_args.total, areas = g_args.areas;
     const size_t piece = total / areas / KERM_MEMPOOL_ALIGN * KERM_MEMPOOL_ALIGN;
     if (piece < KERM_MEMPOOL_MIN_REGION) {
-        fprintf(stderr, "kerm pool: %zu bytes in %zu areas: the first needs at least %zu bytes\n", total, areas,
-                (size_t)KERM_MEMPOOL_MIN_REGION);
-        return 2;
+        throw kerm_tool::UsageError{"--size", std::to_string(total) + " bytes in " + std::to_string(areas) +
+                                                  " areas: each needs at least " +
+                                                  std::to_string(static_cast<size_t>(KERM_MEMPOOL_MIN_REGION)) + " bytes"};
     }
-    FILE *in = kerm_tool::open_input(opts.file, "pool");
-    if (in == nullptr) return 2;
+    FILE *in = kerm_tool::open_input(g_args.trace, "pool");
+    if (in == nullptr) return kerm_tool::kExitFailure;
 
     std::vector<uint8_t> memory(areas * (piece + kAreaGap) + 64);
     uint8_t *base = memory.data() + (64 - reinterpret_cast<uintptr_t>(memory.data()) % 64) % 64;
@@ -243,18 +279,33 @@ int run_pool(int argc, char **argv) {
         firsts.push_back(area);
     }
     Replay replay(base, firsts);
-    replay.start();
+    replay.start(g_args.json);
     char *line = nullptr;
     size_t cap = 0;
     unsigned long no = 0;
     bool ok = true;
     while (ok && getline(&line, &cap, in) >= 0) ok = replay.line(++no, line);
     free(line);
-    if (in != stdin) fclose(in);
-    if (!ok) return 2;
-    return replay.report(options[2].seen);
+    const int err = ferror(in) != 0 ? errno : 0;
+    kerm_tool::close_input(in);
+    if (err != 0) return kerm_tool::fail("pool", kerm_tool::input_name(g_args.trace), strerror(err));
+    if (!ok) return kerm_tool::kExitUsage;
+    return replay.report(g_args.map, g_args.json);
+}
+
+kerm_tool::Runner setup(CLI::App &app) {
+    app.description(kDescription);
+    app.add_option("-s,--size", g_args.total, "pool size in bytes (k, m suffixes)")
+        ->required()
+        ->transform(size_check())
+        ->type_name("N");
+    kerm_tool::add_number(app, "-a,--areas", g_args.areas, 1, 1024, "split the pool into K regions (default 1)");
+    CLI::Option *map = app.add_flag("--map", g_args.map, "print the block map at the end");
+    kerm_tool::add_json_flag(app, g_args.json)->excludes(map);
+    app.add_option("TRACE", g_args.trace, "allocation trace, - for standard input");
+    return run_pool;
 }
 
 }  // namespace
 
-KERM_COMMAND("pool", "replay an allocation trace against a memory pool", run_pool);
+KERM_COMMAND("pool", "replay an allocation trace against a memory pool", setup);

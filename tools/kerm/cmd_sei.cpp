@@ -1,6 +1,7 @@
 // kerm sei: stamp an Annex-B elementary stream the way the device's encoder
 // does (timing SEI, optional live-view SEI, on-demand-I SEI, closing AUD),
 // and dump what a stamped stream carries, frame by frame.
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "kerm_cmd.h"
 #include "kerm_log.h"
+#include "kerm_opts.h"
 #include "kerm_sei.h"
 
 namespace {
@@ -27,31 +28,17 @@ constexpr int kMaxChain = 16;
 
 bool g_verbose = false;  // -v: the library's SEI log lines on standard output
 
-void usage(FILE *out) {
-    fprintf(out,
-            "usage: kerm sei stamp --codec h264|h265 [--liveview] [--modules N] [--manifest FILE] IN OUT\n"
-            "       kerm sei dump [--json] IN\n"
-            "  stamp  appends to every frame of IN the tail the device's encoder writes: a timing\n"
-            "         SEI with its jumping SEI (plus one relay stamp), optionally a live-view SEI\n"
-            "         (with N module entries, default 2), the on-demand-I SEI and a closing AUD.\n"
-            "         --manifest writes what was stamped, one JSON object per frame.\n"
-            "  dump   walks every frame's tail and prints the chain and the decoded metadata.\n"
-            "  -v     log the library's SEI lines (verbose) to standard output\n");
-}
-
-bool read_file(const char *path, Bytes *out) {
-    FILE *f = fopen(path, "rb");
-    if (f == nullptr) {
-        perror(path);
-        return false;
-    }
+// Reads all of `path` (standard input for "-"); reports a failure.
+bool read_file(const std::string &path, Bytes *out) {
+    FILE *f = kerm_tool::open_input(path, "sei");
+    if (f == nullptr) return false;
     uint8_t chunk[65536];
     size_t n;
     while ((n = fread(chunk, 1, sizeof chunk, f)) > 0) out->insert(out->end(), chunk, chunk + n);
-    const bool ok = ferror(f) == 0;
-    fclose(f);
-    if (!ok) fprintf(stderr, "%s: read error\n", path);
-    return ok;
+    const int err = ferror(f) != 0 ? errno : 0;
+    kerm_tool::close_input(f);
+    if (err != 0) kerm_tool::fail("sei", kerm_tool::input_name(path), strerror(err));
+    return err == 0;
 }
 
 // ---- Annex-B scanning
@@ -143,37 +130,59 @@ uint32_t checksum(const uint8_t *p, size_t n) {
     return s;
 }
 
-void print_items(FILE *out, const TimingMd &t) {
-    for (unsigned i = 0; i < t.item_cnt && i < WL_TIMING_MAX_ITEMS; ++i)
-        fprintf(out, "%s{\"dev\":%u,\"ts\":%u}", i ? "," : "", t.items[i].dev, t.items[i].ts);
+cJSON *json_ondi(const OndIMd &o, bool full) {
+    cJSON *j = cJSON_CreateObject();
+    cJSON_AddNumberToObject(j, "frm_idx", o.frm_idx);
+    cJSON_AddNumberToObject(j, "frm_len", o.frm_len);
+    char chs[12];
+    snprintf(chs, sizeof chs, "%08x", o.frm_chs);  // as the text shows it
+    cJSON_AddStringToObject(j, "frm_chs", chs);
+    cJSON_AddNumberToObject(j, "frm_gts", o.frm_gts);
+    cJSON_AddNumberToObject(j, "is_I", o.is_I);
+    if (full) {
+        cJSON_AddNumberToObject(j, "avgQPy", o.avgQPy);
+        cJSON_AddNumberToObject(j, "err_flag", o.err_flag);
+        cJSON_AddNumberToObject(j, "exp_len", o.exp_len);
+        cJSON_AddNumberToObject(j, "lv_off", o.LvStreamInfoSEIOff);
+        cJSON_AddNumberToObject(j, "lv_offset", o.LvStreamInfoSEI_offset);
+    }
+    return j;
 }
 
-void json_ondi(FILE *out, const OndIMd &o, bool full) {
-    fprintf(out, "\"ondi\":{\"frm_idx\":%u,\"frm_len\":%u,\"frm_chs\":%u,\"frm_gts\":%u,\"is_I\":%u", o.frm_idx,
-            o.frm_len, o.frm_chs, o.frm_gts, o.is_I);
-    if (full)
-        fprintf(out, ",\"avgQPy\":%u,\"err_flag\":%u,\"exp_len\":%u,\"lv_off\":%u,\"lv_offset\":%u", o.avgQPy,
-                o.err_flag, o.exp_len, o.LvStreamInfoSEIOff, o.LvStreamInfoSEI_offset);
-    fputc('}', out);
+cJSON *json_timing(const TimingMd &t) {
+    cJSON *j = cJSON_CreateObject();
+    cJSON_AddNumberToObject(j, "tb", t.flags & 0xFu);
+    cJSON_AddNumberToObject(j, "sync", (t.flags >> 4) & 1u);
+    kerm_tool::json_u64(j, "sensor_time", t.sensor_time);
+    cJSON *items = cJSON_AddArrayToObject(j, "items");
+    for (unsigned i = 0; i < t.item_cnt && i < WL_TIMING_MAX_ITEMS; ++i) {
+        cJSON *it = cJSON_CreateObject();
+        cJSON_AddNumberToObject(it, "dev", t.items[i].dev);
+        cJSON_AddNumberToObject(it, "ts", t.items[i].ts);
+        cJSON_AddItemToArray(items, it);
+    }
+    return j;
 }
 
-void json_timing(FILE *out, const TimingMd &t) {
-    fprintf(out, "{\"tb\":%u,\"sync\":%u,\"sensor_time\":%llu,\"items\":[", t.flags & 0xFu, (t.flags >> 4) & 1u,
-            static_cast<unsigned long long>(t.sensor_time));
-    print_items(out, t);
-    fputs("]}", out);
-}
-
-void json_liveview(FILE *out, const LiveviewMd &m) {
-    fprintf(out,
-            "\"liveview\":{\"version_id\":%u,\"time_base\":%u,\"start_time\":%u,\"product_id\":%u,"
-            "\"camera_id\":%u,\"stream_id\":%u,\"frm_tar_len\":%u,\"module_max_cnt\":%u,\"modules\":[",
-            m.version_id, m.time_base, m.start_time, m.product_id, m.camera_id, m.stream_id, m.frm_tar_len,
-            m.module_max_cnt);
-    for (unsigned i = 0; i < m.module_active_cnt && i < WL_LV_MAX_MODULES; ++i)
-        fprintf(out, "%s{\"module_id\":%u,\"time_diff\":%u,\"err_code\":%u}", i ? "," : "", m.modules[i].module_id,
-                m.modules[i].time_diff, m.modules[i].err_code);
-    fputs("]}", out);
+cJSON *json_liveview(const LiveviewMd &m) {
+    cJSON *j = cJSON_CreateObject();
+    cJSON_AddNumberToObject(j, "version_id", m.version_id);
+    cJSON_AddNumberToObject(j, "time_base", m.time_base);
+    cJSON_AddNumberToObject(j, "start_time", m.start_time);
+    cJSON_AddNumberToObject(j, "product_id", m.product_id);
+    cJSON_AddNumberToObject(j, "camera_id", m.camera_id);
+    cJSON_AddNumberToObject(j, "stream_id", m.stream_id);
+    cJSON_AddNumberToObject(j, "frm_tar_len", m.frm_tar_len);
+    cJSON_AddNumberToObject(j, "module_max_cnt", m.module_max_cnt);
+    cJSON *mods = cJSON_AddArrayToObject(j, "modules");
+    for (unsigned i = 0; i < m.module_active_cnt && i < WL_LV_MAX_MODULES; ++i) {
+        cJSON *it = cJSON_CreateObject();
+        cJSON_AddNumberToObject(it, "module_id", m.modules[i].module_id);
+        cJSON_AddNumberToObject(it, "time_diff", m.modules[i].time_diff);
+        cJSON_AddNumberToObject(it, "err_code", m.modules[i].err_code);
+        cJSON_AddItemToArray(mods, it);
+    }
+    return j;
 }
 
 // ---- stamp
@@ -181,7 +190,7 @@ void json_liveview(FILE *out, const LiveviewMd &m) {
 struct StampOptions {
     bool h265 = false, liveview = false;
     unsigned modules = 2;
-    const char *manifest = nullptr, *in = nullptr, *out = nullptr;
+    std::string codec, manifest, in, out;
 };
 
 // Appends the encoder's tail to `f` (the frame bytes) and then lets two more
@@ -268,70 +277,52 @@ bool stamp_frame(Bytes &f, uint32_t idx, bool key, const StampOptions &o, Stamp 
 
 int stamp_all(const Bytes &in, const std::vector<Frame> &frames, const StampOptions &o, FILE *out, FILE *man);
 
-int run_stamp(int argc, char **argv) {
-    StampOptions o;
-    bool codec_given = false;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        if (a == "--codec" && i + 1 < argc) {
-            const std::string c = argv[++i];
-            if (c != "h264" && c != "h265") break;
-            o.h265 = c == "h265";
-            codec_given = true;
-        } else if (a == "--liveview") {
-            o.liveview = true;
-        } else if (a == "--modules" && i + 1 < argc) {
-            o.modules = static_cast<unsigned>(strtoul(argv[++i], nullptr, 10));
-        } else if (a == "--manifest" && i + 1 < argc) {
-            o.manifest = argv[++i];
-        } else if (a[0] != '-' && o.in == nullptr) {
-            o.in = argv[i];
-        } else if (a[0] != '-' && o.out == nullptr) {
-            o.out = argv[i];
-        } else {
-            o.out = nullptr;
-            break;
-        }
-    }
-    if (!codec_given || o.in == nullptr || o.out == nullptr || o.modules > 20) {
-        usage(stderr);
-        return 2;
-    }
+StampOptions g_stamp;
+bool g_dump_json = false;
+std::string g_dump_in;
+
+int run_stamp() {
+    StampOptions &o = g_stamp;
+    o.h265 = o.codec == "h265";
     Bytes in;
     if (!read_file(o.in, &in)) return 1;
     // Stamping the other codec's stream would write units its decoder
     // cannot place: refuse it whole.
     for (const Nal &n : scan_nals(in)) {
         if (n.hdr < in.size() && !CodecRules{o.h265}.plausible(in, n.hdr)) {
-            fprintf(stderr, "kerm sei: %s is not an %s stream (NAL header %02x at offset %zu); check --codec\n", o.in,
-                    o.h265 ? "H.265" : "H.264", in[n.hdr], n.hdr);
-            return 1;
+            char why[96];
+            snprintf(why, sizeof why, "not an %s stream (NAL header %02x at offset %zu); check --codec",
+                     o.h265 ? "H.265" : "H.264", in[n.hdr], n.hdr);
+            return kerm_tool::fail("sei", kerm_tool::input_name(o.in), why);
         }
     }
     const std::vector<Frame> frames = split_access_units(in, CodecRules{o.h265});
     if (frames.empty()) {
-        fprintf(stderr, "kerm sei: no access units in %s\n", o.in);
-        return 1;
+        return kerm_tool::fail("sei", kerm_tool::input_name(o.in), "no access units");
     }
-    FILE *out = fopen(o.out, "wb");
-    FILE *man = o.manifest ? fopen(o.manifest, "w") : nullptr;
-    if (out == nullptr || (o.manifest && man == nullptr)) {
-        perror(out == nullptr ? o.out : o.manifest);
-        if (out) fclose(out);
-        return 1;
+    const bool to_stdout = o.out == "-";
+    FILE *out = to_stdout ? stdout : fopen(o.out.c_str(), "wb");
+    if (out == nullptr) return kerm_tool::fail("sei", o.out, strerror(errno));
+    FILE *man = o.manifest.empty() ? nullptr : fopen(o.manifest.c_str(), "w");
+    if (!o.manifest.empty() && man == nullptr) {
+        const int err = errno;
+        if (!to_stdout) fclose(out);
+        return kerm_tool::fail("sei", o.manifest, strerror(err));
     }
     int rc = 0;
     try {
         rc = stamp_all(in, frames, o, out, man);
     } catch (const std::bad_alloc &) {
         // No half-stamped output is left behind.
-        fclose(out);
+        if (!to_stdout) {
+            fclose(out);
+            remove(o.out.c_str());
+        }
         if (man) fclose(man);
-        remove(o.out);
         throw;
     }
-    if (fclose(out) != 0 || rc != 0) rc = 1;
-    if (man && fclose(man) != 0) rc = 1;
+    if (!to_stdout && fclose(out) != 0 && rc == 0) rc = kerm_tool::fail("sei", o.out, strerror(errno));
+    if (man && fclose(man) != 0 && rc == 0) rc = kerm_tool::fail("sei", o.manifest, strerror(errno));
     if (rc == 0) fprintf(stderr, "kerm sei: stamped %zu frames\n", frames.size());
     return rc;
 }
@@ -346,18 +337,21 @@ int stamp_all(const Bytes &in, const std::vector<Frame> &frames, const StampOpti
             rc = 1;
             break;
         }
-        if (fwrite(f.data(), 1, f.size(), out) != f.size()) rc = 1;
+        if (fwrite(f.data(), 1, f.size(), out) != f.size())
+            return kerm_tool::fail("sei", kerm_tool::input_name(o.out), strerror(errno));
         if (man) {
-            fprintf(man, "{\"frame\":%zu,", i);
-            json_ondi(man, s.ondi, false);
-            fputs(",\"timing\":[", man);
-            json_timing(man, s.timing);
-            fputc(']', man);
-            if (s.lv) {
-                fputc(',', man);
-                json_liveview(man, s.liveview);
-            }
-            fputs("}\n", man);
+            cJSON *j = cJSON_CreateObject();
+            cJSON_AddNumberToObject(j, "frame", static_cast<double>(i));
+            cJSON_AddItemToObject(j, "ondi", json_ondi(s.ondi, false));
+            cJSON *timing = cJSON_AddArrayToObject(j, "timing");
+            cJSON_AddItemToArray(timing, json_timing(s.timing));
+            if (s.lv) cJSON_AddItemToObject(j, "liveview", json_liveview(s.liveview));
+            char *text = cJSON_PrintUnformatted(j);
+            cJSON_Delete(j);
+            if (text == nullptr) throw std::bad_alloc();
+            const bool ok = fprintf(man, "%s\n", text) >= 0;
+            cJSON_free(text);
+            if (!ok) return kerm_tool::fail("sei", o.manifest, strerror(errno));
         }
     }
     return rc;
@@ -427,28 +421,27 @@ void decode(const Bytes &b, Decoded *d) {
 }
 
 void print_json(size_t idx, const Decoded &d) {
-    printf("{\"frame\":%zu,\"offset\":%zu,\"size\":%zu,\"codec\":\"%s\",\"walk\":%d,\"chain\":[", idx, d.begin,
-           d.end - d.begin, d.codec == WL_CODEC_H265 ? "h265" : "h264", d.walk);
-    for (uint32_t i = 0; i < d.count; ++i)
-        printf("%s{\"type\":%u,\"sei_len\":%u,\"span_len\":%u,\"payload_len\":%u,\"nal_offset\":%zu}", i ? "," : "",
-               d.chain[i].type, d.chain[i].sei_len, d.chain[i].span_len, d.chain[i].payload_len,
-               static_cast<size_t>(d.chain[i].nal_addr - d.base));
-    fputs("]", stdout);
-    if (d.ondi_ok) {
-        fputc(',', stdout);
-        json_ondi(stdout, d.ondi, true);
+    cJSON *j = cJSON_CreateObject();
+    cJSON_AddNumberToObject(j, "frame", static_cast<double>(idx));
+    cJSON_AddNumberToObject(j, "offset", static_cast<double>(d.begin));
+    cJSON_AddNumberToObject(j, "size", static_cast<double>(d.end - d.begin));
+    cJSON_AddStringToObject(j, "codec", d.codec == WL_CODEC_H265 ? "h265" : "h264");
+    cJSON_AddNumberToObject(j, "walk", d.walk);
+    cJSON *chain = cJSON_AddArrayToObject(j, "chain");
+    for (uint32_t i = 0; i < d.count; ++i) {
+        cJSON *c = cJSON_CreateObject();
+        cJSON_AddNumberToObject(c, "type", d.chain[i].type);
+        cJSON_AddNumberToObject(c, "sei_len", d.chain[i].sei_len);
+        cJSON_AddNumberToObject(c, "span_len", d.chain[i].span_len);
+        cJSON_AddNumberToObject(c, "payload_len", d.chain[i].payload_len);
+        cJSON_AddNumberToObject(c, "nal_offset", static_cast<double>(d.chain[i].nal_addr - d.base));
+        cJSON_AddItemToArray(chain, c);
     }
-    fputs(",\"timing\":[", stdout);
-    for (size_t i = 0; i < d.timing.size(); ++i) {
-        if (i) fputc(',', stdout);
-        json_timing(stdout, d.timing[i]);
-    }
-    fputc(']', stdout);
-    if (d.lv) {
-        fputc(',', stdout);
-        json_liveview(stdout, d.liveview);
-    }
-    fputs("}\n", stdout);
+    if (d.ondi_ok) cJSON_AddItemToObject(j, "ondi", json_ondi(d.ondi, true));
+    cJSON *timing = cJSON_AddArrayToObject(j, "timing");
+    for (const TimingMd &t : d.timing) cJSON_AddItemToArray(timing, json_timing(t));
+    if (d.lv) cJSON_AddItemToObject(j, "liveview", json_liveview(d.liveview));
+    kerm_tool::emit_json(j);
 }
 
 void print_text(size_t idx, const Decoded &d) {
@@ -483,23 +476,9 @@ void print_text(size_t idx, const Decoded &d) {
     }
 }
 
-int run_dump(int argc, char **argv) {
-    bool json = false;
-    const char *in_path = nullptr;
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "--json") == 0)
-            json = true;
-        else if (argv[i][0] != '-' && in_path == nullptr)
-            in_path = argv[i];
-        else {
-            usage(stderr);
-            return 2;
-        }
-    }
-    if (in_path == nullptr) {
-        usage(stderr);
-        return 2;
-    }
+int run_dump() {
+    const std::string &in_path = g_dump_in;
+    const bool json = g_dump_json;
     Bytes in;
     if (!read_file(in_path, &in)) return 1;
     const auto frames = split_stamped(in);
@@ -514,8 +493,11 @@ int run_dump(int argc, char **argv) {
             print_text(i, d);
     }
     const size_t rest = frames.empty() ? in.size() : in.size() - frames.back().second;
-    if (rest != 0) fprintf(stderr, "kerm sei: %zu trailing bytes without a frame tail\n", rest);
-    return frames.empty() ? 1 : 0;
+    if (rest != 0)
+        fprintf(stderr, "kerm sei: %s: %zu trailing bytes without a frame tail\n", kerm_tool::input_name(in_path).c_str(),
+                rest);
+    if (frames.empty()) return kerm_tool::fail("sei", kerm_tool::input_name(in_path), "no stamped frame");
+    return kerm_tool::kExitOk;
 }
 
 // Input, frames and their copies live in memory; when it runs short the
@@ -525,30 +507,45 @@ int or_out_of_memory(Fn fn) {
     try {
         return fn();
     } catch (const std::bad_alloc &) {
-        fprintf(stderr, "kerm sei: out of memory (the input does not fit the memory available)\n");
-        return 1;
+        return kerm_tool::fail("sei", "input", "out of memory (it does not fit the memory available)");
     }
 }
 
-int run_sei(int argc, char **argv) {
-    // The library's SEI lines go to standard output; keep it for the dump
-    // unless asked.
-    std::vector<char *> args;
-    for (int i = 0; i < argc; ++i) {
-        if (strcmp(argv[i], "-v") == 0)
-            g_verbose = true;
-        else
-            args.push_back(argv[i]);
+kerm_tool::Runner setup(CLI::App &app) {
+    app.description("Stamps or dumps the SEI metadata of H.264/H.265 Annex-B streams.");
+    app.require_subcommand(1);
+    app.add_flag("-v,--verbose", g_verbose, "log the library's SEI lines (verbose) to standard output");
+    CLI::App *stamp = app.add_subcommand(
+        "stamp",
+        "appends to every frame of IN the tail the device's encoder writes: a timing SEI with its jumping SEI\n"
+        "(plus one relay stamp), optionally a live-view SEI (with N module entries), the on-demand-I SEI and a\n"
+        "closing AUD");
+    stamp->add_option("-c,--codec", g_stamp.codec, "codec of IN")
+        ->required()
+        ->check(CLI::IsMember({"h264", "h265"}))
+        ->type_name("h264|h265");
+    stamp->add_flag("--liveview", g_stamp.liveview, "add the live-view SEI");
+    kerm_tool::add_number(*stamp, "--modules", g_stamp.modules, 0, 20, "live-view module entries (default 2)");
+    stamp->add_option("--manifest", g_stamp.manifest, "write what was stamped, one JSON object per frame")
+        ->type_name("FILE");
+    stamp->add_option("IN", g_stamp.in, "input stream, - for standard input")->required();
+    stamp->add_option("OUT", g_stamp.out, "stamped stream, - for standard output")->required();
+    CLI::App *dump = app.add_subcommand("dump", "walks every frame's tail and prints the chain and the decoded metadata");
+    kerm_tool::add_json_flag(*dump, g_dump_json);
+    dump->add_option("IN", g_dump_in, "stamped stream, - for standard input")->required();
+    for (CLI::App *sub : {stamp, dump}) {
+        sub->fallthrough();  // -v after the action too
+        sub->footer(kerm_tool::kExitStatusText);
     }
-    if (g_verbose) vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x53, VASK_LOG_VERBOSE);
-    vask_log_control(LOG_CTRL_ENABLE, g_verbose, 0);
-    const int n = static_cast<int>(args.size());
-    if (n >= 2 && strcmp(args[1], "stamp") == 0) return or_out_of_memory([&] { return run_stamp(n - 1, args.data() + 1); });
-    if (n >= 2 && strcmp(args[1], "dump") == 0) return or_out_of_memory([&] { return run_dump(n - 1, args.data() + 1); });
-    usage(n >= 2 && strcmp(args[1], "--help") == 0 ? stdout : stderr);
-    return n >= 2 && strcmp(args[1], "--help") == 0 ? 0 : 2;
+    return [stamp]() {
+        // The library's SEI lines go to standard output; keep it for the data
+        // unless asked.
+        if (g_verbose) vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x53, VASK_LOG_VERBOSE);
+        vask_log_control(LOG_CTRL_ENABLE, g_verbose, 0);
+        return stamp->parsed() ? or_out_of_memory(run_stamp) : or_out_of_memory(run_dump);
+    };
 }
 
 }  // namespace
 
-KERM_COMMAND("sei", "stamp or dump the SEI metadata of H.264/H.265 streams", run_sei);
+KERM_COMMAND("sei", "stamp or dump the SEI metadata of H.264/H.265 streams", setup);

@@ -11,29 +11,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "kerm_cmd.h"
+#include "kerm_opts.h"
 #include "kerm_sdr.h"
 
 namespace {
 
-void usage(FILE *out) {
-    fprintf(out,
-            "usage: kerm timesync show\n"
-            "       kerm timesync set-delta LOCAL_US   store the offset of SSFN time from LOCAL_US\n"
-            "       kerm timesync to-ssfn LOCAL_US     local microseconds -> SSFN milliseconds\n"
-            "       kerm timesync to-local SSFN_MS     SSFN milliseconds -> local microseconds\n"
-            "The memory device is /dev/mem, or $KERM_UTIL_ROOT/dev/mem when that is set.\n");
-}
-
-bool parse_u64(const char *text, uint64_t max, uint64_t *out) {
-    if (text == nullptr || text[0] == '\0' || text[0] == '-') return false;
-    errno = 0;
-    char *end = nullptr;
-    const unsigned long long v = strtoull(text, &end, 0);
-    if (errno != 0 || *end != '\0' || v > max) return false;
-    *out = v;
-    return true;
-}
+struct TimesyncArgs {
+    uint64_t value = 0;
+    bool json = false;
+} g_args;
 
 // The library reads the block without checking its mapping: make sure the
 // device opens and, for a substitute file, covers the block, so a bad setup
@@ -44,7 +30,7 @@ bool device_usable() {
     snprintf(path, sizeof path, "%s/dev/mem", root != nullptr && root[0] != '\0' ? root : "");
     const int fd = open(path, O_RDWR | O_SYNC);
     if (fd < 0) {
-        fprintf(stderr, "kerm timesync: cannot open %s: %s\n", path, strerror(errno));
+        kerm_tool::fail("timesync", path, strerror(errno));
         return false;
     }
     struct stat st;
@@ -52,87 +38,117 @@ bool device_usable() {
                     (!S_ISREG(st.st_mode) || static_cast<uint64_t>(st.st_size) >= VASK_SYNC_PHYS_ADDR + VASK_SYNC_SIZE);
     close(fd);
     if (!ok) {
-        fprintf(stderr, "kerm timesync: %s does not reach the time-sync block at 0x%X\n", path, VASK_SYNC_PHYS_ADDR);
+        char why[96];
+        snprintf(why, sizeof why, "does not reach the time-sync block at 0x%X", VASK_SYNC_PHYS_ADDR);
+        kerm_tool::fail("timesync", path, why);
         return false;
     }
     // Whatever the kind of file (a link to /dev/null, a FIFO), the block must
     // map: the library hands out a handle whose mapping failed.
     vask_shmem *h = vask_util_create_shmem(VASK_SYNC_PHYS_ADDR, VASK_SYNC_SIZE);
     if (h == nullptr) {
-        fprintf(stderr, "kerm timesync: out of memory\n");
+        kerm_tool::fail("timesync", path, strerror(ENOMEM));
         return false;
     }
     const bool mapped = h->base != MAP_FAILED;
     vask_util_release_shmem(h);
-    if (!mapped) fprintf(stderr, "kerm timesync: cannot map the time-sync block through %s\n", path);
+    if (!mapped) kerm_tool::fail("timesync", path, "cannot map the time-sync block");
     return mapped;
-}
-
-void print_offset(vask_shmem *h) {
-    const uint32_t sign = vask_util_get_shmem_u8(h, VASK_SYNC_DELTA_SIGN);
-    printf("offset:     %s%" PRIu64 " us (sign %u)\n", sign == 1 ? "+" : "-", vask_util_get_shmem_u64(h, VASK_SYNC_DELTA),
-           sign);
 }
 
 int show_block(bool offset_only) {
     vask_shmem *h = vask_util_create_shmem(VASK_SYNC_PHYS_ADDR, VASK_SYNC_SIZE);
-    if (h == nullptr) {
-        fprintf(stderr, "kerm timesync: out of memory\n");
-        return 1;
+    if (h == nullptr) return kerm_tool::fail("timesync", "/dev/mem", strerror(ENOMEM));
+    const uint32_t sign = vask_util_get_shmem_u8(h, VASK_SYNC_DELTA_SIGN);
+    const uint64_t delta = vask_util_get_shmem_u64(h, VASK_SYNC_DELTA);
+    const uint32_t cnt = vask_util_get_shmem_u32(h, VASK_SYNC_SSFN_CNT);
+    const uint32_t latch = vask_util_get_shmem_u32(h, VASK_SYNC_SSFN_LATCH);
+    const uint32_t index = vask_util_get_shmem_u32(h, VASK_SYNC_INDEX);
+    const uint64_t local = vask_util_get_shmem_u64(h, VASK_SYNC_LOCAL_TIME);
+    vask_util_release_shmem(h);
+    char offset[32];
+    snprintf(offset, sizeof offset, "%s%" PRIu64, sign == 1 ? "+" : "-", delta);
+    if (g_args.json) {
+        cJSON *o = cJSON_CreateObject();
+        if (!offset_only) {
+            kerm_tool::json_hex(o, "counter", cnt, 8);
+            cJSON_AddNumberToObject(o, "counter_ms", VASK_SSFN_MS(cnt));
+            kerm_tool::json_hex(o, "latched", latch, 8);
+            cJSON_AddNumberToObject(o, "latched_ms", VASK_SSFN_MS(latch));
+        }
+        cJSON_AddRawToObject(o, "offset_us", offset[0] == '+' ? offset + 1 : offset);
+        cJSON_AddNumberToObject(o, "sign", sign);
+        if (!offset_only) {
+            cJSON_AddNumberToObject(o, "sync_index", index);
+            kerm_tool::json_u64(o, "sync_local_us", local);
+        }
+        kerm_tool::emit_json(o);
+        return kerm_tool::kExitOk;
     }
     if (!offset_only) {
-        const uint32_t cnt = vask_util_get_shmem_u32(h, VASK_SYNC_SSFN_CNT);
-        const uint32_t latch = vask_util_get_shmem_u32(h, VASK_SYNC_SSFN_LATCH);
         printf("counter:    0x%08X (%u ms)\n", cnt, VASK_SSFN_MS(cnt));
         printf("latched:    0x%08X (%u ms)\n", latch, VASK_SSFN_MS(latch));
     }
-    print_offset(h);
+    printf("offset:     %s us (sign %u)\n", offset, sign);
     if (!offset_only) {
-        printf("sync index: %u\n", vask_util_get_shmem_u32(h, VASK_SYNC_INDEX));
-        printf("sync local: %" PRIu64 " us\n", vask_util_get_shmem_u64(h, VASK_SYNC_LOCAL_TIME));
+        printf("sync index: %u\n", index);
+        printf("sync local: %" PRIu64 " us\n", local);
     }
-    vask_util_release_shmem(h);
-    return 0;
+    return kerm_tool::kExitOk;
 }
 
-int run_timesync(int argc, char **argv) {
-    if (argc < 2 || strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "help") == 0) {
-        usage(argc < 2 ? stderr : stdout);
-        return argc < 2 ? 2 : 0;
-    }
-    const char *sub = argv[1];
-    const bool is_show = strcmp(sub, "show") == 0;
-    const bool known = is_show || strcmp(sub, "set-delta") == 0 || strcmp(sub, "to-ssfn") == 0 ||
-                       strcmp(sub, "to-local") == 0;
-    if (!known || argc != (is_show ? 2 : 3)) {
-        usage(stderr);
-        return 2;
-    }
-    uint64_t value = 0;
-    if (!is_show && !parse_u64(argv[2], strcmp(sub, "to-local") == 0 ? UINT32_MAX : UINT64_MAX, &value)) {
-        fprintf(stderr, "kerm timesync: bad number '%s'\n", argv[2]);
-        return 2;
-    }
-    if (!device_usable()) return 1;
-
-    if (is_show) return show_block(false);
-    int32_t rc;
-    if (strcmp(sub, "set-delta") == 0) {
-        rc = vask_util_set_ssfn_delta_for_talvek(value);
-        if (rc == 0) return show_block(true);
-    } else if (strcmp(sub, "to-ssfn") == 0) {
-        uint32_t ms = 0;
-        rc = vask_util_get_convert_ssfn_for_talvek(value, &ms);
-        if (rc == 0) printf("%u\n", ms);
+// One converted time: a bare number, or {"NAME":N} with --json.
+void print_time(const char *name, uint64_t value) {
+    if (g_args.json) {
+        cJSON *o = cJSON_CreateObject();
+        kerm_tool::json_u64(o, name, value);
+        kerm_tool::emit_json(o);
     } else {
-        uint64_t us = 0;
-        rc = vask_util_get_convert_fc_timeus_for_talvek(static_cast<uint32_t>(value), &us);
-        if (rc == 0) printf("%" PRIu64 "\n", us);
+        printf("%" PRIu64 "\n", value);
     }
-    if (rc != 0) fprintf(stderr, "kerm timesync: %s failed (%d)\n", sub, static_cast<int>(rc));
-    return rc == 0 ? 0 : 1;
+}
+
+int failed(const char *sub, int32_t rc) {
+    return kerm_tool::fail("timesync", sub, "failed (" + std::to_string(rc) + ")");
+}
+
+kerm_tool::Runner setup(CLI::App &app) {
+    app.description("SSFN time sync. The memory device is /dev/mem, or $KERM_UTIL_ROOT/dev/mem when that is set.");
+    app.require_subcommand(1);
+    kerm_tool::add_json_flag(app, g_args.json);
+    CLI::App *show = app.add_subcommand("show", "print the time-sync block");
+    CLI::App *set = app.add_subcommand("set-delta", "store the offset of SSFN time from LOCAL_US");
+    CLI::App *to_ssfn = app.add_subcommand("to-ssfn", "local microseconds -> SSFN milliseconds");
+    CLI::App *to_local = app.add_subcommand("to-local", "SSFN milliseconds -> local microseconds");
+    kerm_tool::add_number(*set, "LOCAL_US", g_args.value, 0, UINT64_MAX, "local time in microseconds")->required();
+    kerm_tool::add_number(*to_ssfn, "LOCAL_US", g_args.value, 0, UINT64_MAX, "local time in microseconds")->required();
+    kerm_tool::add_number(*to_local, "SSFN_MS", g_args.value, 0, UINT32_MAX, "SSFN time in milliseconds")->required();
+    for (CLI::App *sub : {show, set, to_ssfn, to_local}) {
+        sub->fallthrough();  // --json after the action too
+        sub->footer(kerm_tool::kExitStatusText);
+    }
+    return [show, set, to_ssfn]() {
+        if (!device_usable()) return kerm_tool::kExitFailure;
+        if (show->parsed()) return show_block(false);
+        if (set->parsed()) {
+            const int32_t rc = vask_util_set_ssfn_delta_for_talvek(g_args.value);
+            return rc == 0 ? show_block(true) : failed("set-delta", rc);
+        }
+        if (to_ssfn->parsed()) {
+            uint32_t ms = 0;
+            const int32_t rc = vask_util_get_convert_ssfn_for_talvek(g_args.value, &ms);
+            if (rc != 0) return failed("to-ssfn", rc);
+            print_time("ssfn_ms", ms);
+            return kerm_tool::kExitOk;
+        }
+        uint64_t us = 0;
+        const int32_t rc = vask_util_get_convert_fc_timeus_for_talvek(static_cast<uint32_t>(g_args.value), &us);
+        if (rc != 0) return failed("to-local", rc);
+        print_time("local_us", us);
+        return kerm_tool::kExitOk;
+    };
 }
 
 }  // namespace
 
-KERM_COMMAND("timesync", "SSFN time sync: show the block, set the offset, convert times", run_timesync);
+KERM_COMMAND("timesync", "SSFN time sync: show the block, set the offset, convert times", setup);
