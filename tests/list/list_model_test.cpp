@@ -269,28 +269,100 @@ TEST(ListSort, SortThenSearchRandomData) {
     }
 }
 
-// Keys in the high bits, arrival order in the low ones: ties keep their order.
+// Keys in the high bits, arrival order in the low ones, so that the place
+// each of several equal keys ends up in can be checked.
 int key_cmp(void *a, void *b) { return desc_cmp(V(U(a) >> 8), V(U(b) >> 8)); }
 
-TEST(ListSort, PrefixSortAndTies) {
+uintptr_t K(uintptr_t key, uintptr_t id) { return key << 8 | id; }
+
+std::vector<uintptr_t> fill(list_t *l, const std::vector<uintptr_t> &values) {
+    for (uintptr_t v : values) list_push_value(l, V(v));
+    return values;
+}
+
+// Sorted by key (descending), the same values as before, links intact.
+void expect_sorted_permutation(list_t *l, std::vector<uintptr_t> before, size_t n) {
+    std::vector<uintptr_t> after = contents(l);
+    ASSERT_EQ(after.size(), before.size());
+    for (size_t i = 1; i < n; ++i) ASSERT_GE(after[i - 1] >> 8, after[i] >> 8) << "position " << i;
+    ASSERT_TRUE(std::equal(after.begin() + n, after.end(), before.begin() + n)) << "past the range";
+    std::sort(before.begin(), before.end());
+    std::sort(after.begin(), after.end());
+    ASSERT_EQ(after, before);
+    check_structure(l, contents(l));
+}
+
+TEST(ListSort, PrefixSort) {
     list_t *l = list_create();
     std::vector<uintptr_t> m;
-    for (uintptr_t i = 0; i < 20; ++i) {
-        m.push_back(((i * 7) % 5) << 8 | i);
-        list_push_value(l, V(m.back()));
-    }
+    for (uintptr_t i = 0; i < 20; ++i) m.push_back(K((i * 7) % 5, i));
+    fill(l, m);
     // A count reaching the end sorts nothing.
+    list_pick_value(l, 15);
     EXPECT_EQ(list_sort(l, 20, key_cmp), 0);
+    EXPECT_EQ(l->cursor, nullptr);
     EXPECT_EQ(contents(l), m);
     EXPECT_EQ(list_sort(l, 12, key_cmp), 0);
-    std::stable_sort(m.begin(), m.begin() + 12, [](uintptr_t a, uintptr_t b) { return (a >> 8) > (b >> 8); });
-    EXPECT_EQ(contents(l), m);
-    check_structure(l, m);
+    expect_sorted_permutation(l, m, 12);
     EXPECT_EQ(list_sort_all(l, key_cmp), 0);
-    std::stable_sort(m.begin(), m.end(), [](uintptr_t a, uintptr_t b) { return (a >> 8) > (b >> 8); });
-    EXPECT_EQ(contents(l), m);
-    check_structure(l, m);
+    expect_sorted_permutation(l, m, 20);
     list_destroy(l);
+}
+
+// Equal keys end where the quicksort's exchanges and relinks put them: the
+// order callers of a non-total comparator see.
+TEST(ListSort, EqualKeysFollowTheQuicksort) {
+    struct Case {
+        std::vector<uintptr_t> in, out;
+    };
+    const Case cases[] = {
+        {{K(1, 0), K(1, 1)}, {K(1, 0), K(1, 1)}},                  // 2 equal: no exchange
+        {{K(1, 0), K(2, 1)}, {K(2, 1), K(1, 0)}},                  // 2 ascending: exchanged
+        {{K(3, 0), K(3, 1), K(3, 2)}, {K(3, 2), K(3, 1), K(3, 0)}},  // relinked before the pivot
+        {{K(3, 0), K(3, 1), K(3, 2), K(3, 3)}, {K(3, 3), K(3, 2), K(3, 1), K(3, 0)}},
+        {{K(1, 0), K(2, 1), K(1, 2), K(2, 3), K(1, 4)},
+         {K(2, 3), K(2, 1), K(1, 4), K(1, 0), K(1, 2)}},
+    };
+    for (const Case &c : cases) {
+        list_t *l = list_create();
+        fill(l, c.in);
+        ASSERT_EQ(list_sort_all(l, key_cmp), 0);
+        EXPECT_EQ(contents(l), c.out);
+        check_structure(l, c.out);
+        list_destroy(l);
+    }
+}
+
+// Shapes that break careless partitions: every size up to a few dozen, and
+// long runs that would recurse once per entry or never stop.
+TEST(ListSort, OrderedReversedEqualAndSawtoothInputs) {
+    const std::vector<uintptr_t (*)(uintptr_t, uintptr_t)> shapes = {
+        [](uintptr_t i, uintptr_t) { return i; },                         // ascending
+        [](uintptr_t i, uintptr_t n) { return n - i; },                   // descending
+        [](uintptr_t, uintptr_t) { return uintptr_t{7}; },                // all equal
+        [](uintptr_t i, uintptr_t) { return i % 3; },                     // few keys
+        [](uintptr_t i, uintptr_t n) { return i < n / 2 ? i : n - i; },  // organ pipe
+        [](uintptr_t i, uintptr_t n) { return i < n / 2 ? n - i : i; },  // valley
+    };
+    auto run = [&](uintptr_t n) {
+        for (auto shape : shapes) {
+            list_t *l = list_create();
+            std::vector<uintptr_t> m;
+            for (uintptr_t i = 0; i < n; ++i) m.push_back(K(shape(i, n) + 1, i & 0xff));  // never a none value
+            fill(l, m);
+            ASSERT_EQ(list_sort_all(l, key_cmp), 0);
+            expect_sorted_permutation(l, m, n);
+            for (uintptr_t i = 0; i < n; i += 1 + n / 16) {
+                uint32_t p = list_bsearch_all(l, V(m[i]), key_cmp);
+                ASSERT_NE(p, LIST_NOT_FOUND);
+                EXPECT_EQ(U(list_pick_value(l, p)) >> 8, m[i] >> 8);
+            }
+            list_destroy(l);
+        }
+    };
+    for (uintptr_t n = 0; n <= 40; ++n) run(n);
+    // Organ pipe and valley are quadratic for a middle pivot: kept moderate.
+    run(static_cast<uintptr_t>(listtest::scaled(4000)));
 }
 
 TEST(ListSlices, ChainsOfSeveralSlices) {

@@ -3,6 +3,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <utility>
+
 #include "common/kerm_guard.h"
 #include "containers/list_internal.h"
 
@@ -229,60 +231,109 @@ bool tag_matches(const list_entry_t *e, const char *tag) {
     return t != nullptr && t[0] == tag[0] && strcmp(t, tag) == 0;
 }
 
-// Stable merge sort of the n entries from first (caller holds the lock): the
-// result never has comparator(earlier, later) < 0. Returns the new first entry
-// and sets *last; prev links are repaired by the caller.
-list_entry_t *merge_sort(list_entry_t *first, uint32_t n, list_comparator_t cmp, list_entry_t **last) {
-    if (n <= 1) {
-        *last = first;
-        return first;
-    }
-    uint32_t left_n = n / 2;
-    list_entry_t *mid = first;
-    for (uint32_t i = 0; i < left_n; ++i) mid = mid->next;
-    list_entry_t *left_last, *right_last;
-    list_entry_t *after = nullptr;
-    {
-        list_entry_t *e = mid;
-        for (uint32_t i = 1; i < n - left_n; ++i) e = e->next;
-        after = e->next;
-    }
-    list_entry_t *a = merge_sort(first, left_n, cmp, &left_last);
-    left_last->next = nullptr;
-    list_entry_t *b = merge_sort(mid, n - left_n, cmp, &right_last);
-    right_last->next = nullptr;
-    list_entry_t head{};
-    list_entry_t *tail = &head;
-    while (a != nullptr && b != nullptr) {
-        if (cmp(a->value, b->value) >= 0) {
-            tail->next = a;
-            a = a->next;
-        } else {
-            tail->next = b;
-            b = b->next;
-        }
-        tail = tail->next;
-    }
-    tail->next = a != nullptr ? a : b;
-    while (tail->next != nullptr) tail = tail->next;
-    tail->next = after;
-    *last = tail;
-    return head.next;
+// Detaches e from its neighbours and links it again just before or just after
+// at (the same list); head and tail follow, count, owner and cursor stay.
+void detach(list_t *l, list_entry_t *e) {
+    if (e->prev != nullptr)
+        e->prev->next = e->next;
+    else
+        l->head = e->next;
+    if (e->next != nullptr)
+        e->next->prev = e->prev;
+    else
+        l->tail = e->prev;
 }
 
-// Sorts positions 0..n-1 in place by relinking.
-void sort_prefix(list_t *l, uint32_t n, list_comparator_t cmp) {
-    if (n > 1) {
-        list_entry_t *last;
-        list_entry_t *first = merge_sort(l->head, n, cmp, &last);
-        l->head = first;
-        list_entry_t *prev = nullptr;
-        for (list_entry_t *e = first; e != nullptr; e = e->next) {
-            e->prev = prev;
-            prev = e;
+void relink_before(list_t *l, list_entry_t *e, list_entry_t *at) {
+    detach(l, e);
+    e->next = at;
+    e->prev = at->prev;
+    if (at->prev != nullptr)
+        at->prev->next = e;
+    else
+        l->head = e;
+    at->prev = e;
+}
+
+void relink_after(list_t *l, list_entry_t *e, list_entry_t *at) {
+    detach(l, e);
+    e->prev = at;
+    e->next = at->next;
+    if (at->next != nullptr)
+        at->next->prev = e;
+    else
+        l->tail = e;
+    at->next = e;
+}
+
+list_entry_t *forward(list_entry_t *e, uint32_t steps) {
+    while (steps-- > 0 && e != nullptr) e = e->next;
+    return e;
+}
+
+// Quicksort of the n linked entries from first to last (caller holds the
+// lock). The pivot is the entry at position n/2-1 of the range. Values are
+// exchanged between the scans; an entry met while the other scan waits on the
+// pivot is relinked to the pivot's other side. Leaves comparator(earlier,
+// later) never negative, so a "smaller is negative" comparator gives
+// descending order, the order list_bsearch expects.
+void quick_sort(list_t *l, list_entry_t *first, list_entry_t *last, uint32_t n, list_comparator_t cmp) {
+    while (n > 1 && first != nullptr && last != nullptr) {
+        if (n == 2) {
+            if (cmp(first->value, last->value) < 0) std::swap(first->value, last->value);
+            return;
         }
-        l->tail = prev;
+        list_entry_t *pivot = forward(first, n / 2 - 1);
+        void *p = pivot->value;
+        // The left scan stays between first and the pivot, the right one
+        // between the pivot and last; they can only meet on the pivot.
+        list_entry_t *lo = first, *hi = last;
+        for (;;) {
+            while (lo != nullptr && lo != pivot && cmp(lo->value, p) > 0) lo = lo->next;
+            while (hi != nullptr && hi != pivot && cmp(hi->value, p) < 0) hi = hi->prev;
+            if (lo == nullptr || hi == nullptr || lo == hi) break;
+            if (lo != pivot && hi != pivot) {
+                std::swap(lo->value, hi->value);
+                lo = lo->next;
+                hi = hi->prev;
+            } else if (lo == pivot) {
+                list_entry_t *back = hi->prev;
+                if (hi == last) last = back;
+                relink_before(l, hi, pivot);
+                if (first == pivot) first = hi;
+                hi = back;
+            } else {
+                list_entry_t *ahead = lo->next;
+                if (lo == first) first = ahead;
+                relink_after(l, lo, pivot);
+                if (last == pivot) last = lo;
+                lo = ahead;
+            }
+        }
+        uint32_t k = 0;
+        for (list_entry_t *e = first; e != pivot; e = e->next) ++k;
+        uint32_t right_n = n - 1 - k;
+        list_entry_t *left_last = pivot->prev, *right_first = pivot->next;
+        // Both parts are sorted independently, so the order in which they are
+        // done does not change the result. The smaller part is recursed into
+        // and the larger one iterated, which bounds the stack depth by log2(n);
+        // always recursing on the left would let a skewed input recurse once
+        // per entry and overflow the stack.
+        if (k <= right_n) {
+            if (k > 1) quick_sort(l, first, left_last, k, cmp);
+            first = right_first;
+            n = right_n;
+        } else {
+            if (right_n > 1) quick_sort(l, right_first, last, right_n, cmp);
+            last = left_last;
+            n = k;
+        }
     }
+}
+
+// Sorts positions 0..n-1 in place, then clears the cursor.
+void sort_prefix(list_t *l, uint32_t n, list_comparator_t cmp) {
+    if (n > 1) quick_sort(l, l->head, forward(l->head, n - 1), n, cmp);
     l->cursor = nullptr;
     l->cursor_pos = 0;
 }
