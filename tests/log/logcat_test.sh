@@ -18,7 +18,7 @@ lines=$(wc -l < "$work/stdout")
 [ -s "$work/log.1" ] || { echo "no rotation"; ls -l "$work"; exit 1; }
 [ "$(stat -c %s "$work/log")" -le 1000 ] || { echo "rotated file too big"; exit 1; }
 grep -q 'VASK86@5\[ *log_demo: *[0-9]*\] V :verbose message from the health client module$' "$work/stdout"
-# Filters and formats: --level, --module and MODULE:LEVEL specs, brief and raw.
+# Filters and formats: --level, --module and MODULE:LEVEL filters, brief and raw.
 collect() {  # collect OUT ARGS...: what logcat ARGS prints of one log-demo run
   local out=$1; shift
   "$kerm" logcat "$@" > "$out" 2>/dev/null &
@@ -35,9 +35,9 @@ collect "$work/warn" --level W --format brief
 count "$work/warn" 12   # F, E and W of four modules
 grep -qx 'W/86: warning message from the health client module' "$work/warn"
 if grep -q '^[ITV]/' "$work/warn"; then echo "--level W let a lower level through"; exit 1; fi
-collect "$work/spec" --format=raw 86:V '*:E'
-count "$work/spec" 12   # six of module 86, F and E of the three others
-grep -qx 'verbose message from the health client module' "$work/spec"
+collect "$work/filtered" --format=raw 86:V '*:E'
+count "$work/filtered" 12   # six of module 86, F and E of the three others
+grep -qx 'verbose message from the health client module' "$work/filtered"
 collect "$work/mod" --module 0x86 --level I
 count "$work/mod" 4
 grep -c 'VASK86@' "$work/mod" | grep -qx 4

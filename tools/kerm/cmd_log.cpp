@@ -95,7 +95,7 @@ unsigned module_of(const std::string &what, const std::string &text) {
 
 struct LogcatArgs {
     std::string output, format = "long", level;
-    std::vector<std::string> modules, specs;
+    std::vector<std::string> modules, filters;
     long max_bytes = 0;
     unsigned rotate = 1;
     long count = -1;
@@ -110,14 +110,14 @@ LevelFilter build_filter(const LogcatArgs &a) {
         f.def = kSilent;  // --module: only those modules
         for (const std::string &m : a.modules) f.modules.emplace_back(module_of("--module", m), level);
     }
-    for (const std::string &spec : a.specs) {
-        const size_t colon = spec.find(':');
+    for (const std::string &filter : a.filters) {
+        const size_t colon = filter.find(':');
         if (colon == std::string::npos)
-            throw kerm_tool::UsageError{"'" + spec + "'", "a filter is MODULE:LEVEL or *:LEVEL"};
-        const int l = level_of("'" + spec + "'", spec.substr(colon + 1));
-        const std::string mod = spec.substr(0, colon);
+            throw kerm_tool::UsageError{"'" + filter + "'", "a filter is MODULE:LEVEL or *:LEVEL"};
+        const int l = level_of("'" + filter + "'", filter.substr(colon + 1));
+        const std::string mod = filter.substr(0, colon);
         if (mod == "*") f.def = l;
-        else f.modules.insert(f.modules.begin(), {module_of("'" + spec + "'", mod), l});
+        else f.modules.insert(f.modules.begin(), {module_of("'" + filter + "'", mod), l});
     }
     return f;
 }
@@ -227,7 +227,7 @@ kerm_tool::Runner setup_logcat(CLI::App &app) {
         ->needs(max);
     max->needs(output);
     kerm_tool::add_number(app, "-c,--count", a.count, 1, 0x7FFFFFFF, "exit after N lines");
-    app.add_option("FILTER", a.specs, "per-module filters, e.g. 86:V *:W");
+    app.add_option("FILTER", a.filters, "per-module filters, e.g. 86:V *:W");
     return logcat;
 }
 
