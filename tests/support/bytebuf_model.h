@@ -152,23 +152,27 @@ struct RingModel {
     }
 };
 
-struct RingHarness {
-    util_rbuf_t *ring[2];
-    std::vector<RingModel> model;
+// The first difference of a harness run, with its step number.
+struct Harness {
     std::string fail;
     unsigned steps = 0;
+    Harness() = default;
+    Harness(const Harness &) = delete;
+    Harness &operator=(const Harness &) = delete;
+    void expect(bool ok, const char *what) {
+        if (!ok && fail.empty()) fail = std::string("step ") + std::to_string(steps) + ": " + what;
+    }
+};
+
+struct RingHarness : Harness {
+    util_rbuf_t *ring[2];
+    std::vector<RingModel> model;
 
     RingHarness(int32_t cap_a, int32_t cap_b)
         : ring{util_rbuf_create(cap_a), util_rbuf_create(cap_b)}, model{RingModel(cap_a), RingModel(cap_b)} {}
     ~RingHarness() {
         util_rbuf_destroy(ring[0]);
         util_rbuf_destroy(ring[1]);
-    }
-    RingHarness(const RingHarness &) = delete;
-    RingHarness &operator=(const RingHarness &) = delete;
-
-    void expect(bool ok, const char *what) {
-        if (!ok && fail.empty()) fail = std::string("step ") + std::to_string(steps) + ": " + what;
     }
     void compare(int k) {
         const util_rbuf_t *r = ring[k];
@@ -314,11 +318,9 @@ struct FbufModel {
     }
 };
 
-struct FbufHarness {
+struct FbufHarness : Harness {
     util_fbuf_t *buf[2];
     FbufModel model[2];
-    std::string fail;
-    unsigned steps = 0;
     unsigned leaks = 0;  // times the deliberate leak path was taken
 
     // Settings for both buffers: tiny values make growth, compaction and
@@ -337,12 +339,6 @@ struct FbufHarness {
     ~FbufHarness() {
         util_fbuf_free(buf[0]);
         util_fbuf_free(buf[1]);
-    }
-    FbufHarness(const FbufHarness &) = delete;
-    FbufHarness &operator=(const FbufHarness &) = delete;
-
-    void expect(bool ok, const char *what) {
-        if (!ok && fail.empty()) fail = std::string("step ") + std::to_string(steps) + ": " + what;
     }
     void compare(int k) {
         const util_fbuf_t *b = buf[k];

@@ -7,10 +7,10 @@
 
 namespace kerm_test {
 
-// n, or a quarter of it under the emulator.
-inline int scaled(int n) {
+// n, or n / divisor (a quarter by default) under the emulator.
+inline int scaled(int n, int divisor = 4) {
     const char *emu = getenv("KERM_TEST_EMULATOR");
-    return emu != nullptr && emu[0] != '\0' ? n / 4 : n;
+    return emu != nullptr && emu[0] != '\0' ? n / divisor : n;
 }
 
 }  // namespace kerm_test
