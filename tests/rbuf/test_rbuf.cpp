@@ -7,6 +7,7 @@
 
 #include "kerm_rbuf.h"
 #include "support/bytebuf_model.h"
+#include "support/emulator.h"
 
 namespace {
 
@@ -19,11 +20,6 @@ std::string read_all(util_rbuf_t *r) {
     std::string s(static_cast<size_t>(r->used), '\0');
     s.resize(static_cast<size_t>(util_rbuf_read(r, reinterpret_cast<uint8_t *>(s.data()), r->used)));
     return s;
-}
-
-unsigned scaled(unsigned n) {
-    const char *emu = getenv("KERM_TEST_EMULATOR");
-    return emu && *emu ? n / 8 : n;
 }
 
 TEST(RbufCreate, DefaultsAndBadSizes) {
@@ -227,7 +223,7 @@ TEST_P(RbufModel, RandomSequences) {
         std::mt19937 rng(seed * 7919u + static_cast<uint32_t>(cap_a));
         auto src = kerm_test::make_source([&rng] { return static_cast<uint32_t>(rng()); });
         kerm_test::RingHarness h(cap_a, cap_b);
-        for (unsigned i = 0; i < scaled(20000) && h.fail.empty(); ++i) h.step(src);
+        for (int i = 0; i < kerm_test::scaled(20000, 8) && h.fail.empty(); ++i) h.step(src);
         ASSERT_EQ(h.fail, "") << "capacities " << cap_a << "/" << cap_b << " seed " << seed;
     }
 }
