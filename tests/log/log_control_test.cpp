@@ -13,7 +13,7 @@ TEST_F(LogTest, LevelUpAndDownMoveEveryModuleAndAlwaysPrintTheirLine) {
     vask_log_initialize(VASK_LOG_WARNING, LOG_OUT_CONSOLE);
     vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0x53, 0);
     uint32_t level = 0;
-    std::string out = capture_stdout([&] {
+    std::string out = stdout_of([&] {
         for (int i = 0; i < 6; ++i) EXPECT_EQ(vask_log_control(LOG_CTRL_LEVEL_UP, ptr(&level), 0), 0);
     });
     EXPECT_EQ(level, 6u);
@@ -23,7 +23,7 @@ TEST_F(LogTest, LevelUpAndDownMoveEveryModuleAndAlwaysPrintTheirLine) {
               "[DEBUG]Debug Level Up(Level=6, VASK_LOG_VERBOSE)\n[DEBUG]Debug Level Up(Level=6, VASK_LOG_VERBOSE)\n");
     EXPECT_EQ(module_level(0x53), 6u);  // the per-module setting is discarded
 
-    out = capture_stdout([&] {
+    out = stdout_of([&] {
         for (int i = 0; i < 7; ++i) vask_log_control(LOG_CTRL_LEVEL_DOWN, 0, 0);
     });
     EXPECT_EQ(module_level(0), 0u);

@@ -8,6 +8,9 @@
 #include <string>
 
 #include "kerm_log.h"
+#include "support/scratch_dir.h"
+
+using kerm_test::stdout_of;
 
 class LogTest : public ::testing::Test {
 protected:
@@ -26,15 +29,5 @@ protected:
         return buf;
     }
 };
-
-// Runs fn with standard output captured and returns what it printed.
-template <class F>
-std::string capture_stdout(F fn) {
-    fflush(stdout);
-    ::testing::internal::CaptureStdout();
-    fn();
-    fflush(stdout);
-    return ::testing::internal::GetCapturedStdout();
-}
 
 #endif

@@ -33,7 +33,7 @@ bool matches(const std::string &text, const std::string &re) { return std::regex
 }  // namespace
 
 TEST_F(LogTest, ConsoleLineLayout) {
-    std::string out = capture_stdout([&] {
+    std::string out = stdout_of([&] {
         vask_log_print(0x53, 1, "VASK53", "value %d", 42);
         vask_log_print(0x53, 1, "VASK53", "ends in newline\n");
         vask_log_print(0x53, 1, nullptr, "no head");

@@ -13,6 +13,7 @@
 
 #include "log/log_internal.h"
 #include "log_fixture.h"
+#include "support/emulator.h"
 
 namespace {
 
@@ -20,11 +21,6 @@ struct timespec g_real, g_mono;
 int fake_clock(clockid_t id, struct timespec *ts) {
     *ts = id == CLOCK_MONOTONIC ? g_mono : g_real;
     return 0;
-}
-
-int scaled(int n) {
-    const char *emu = getenv("KERM_TEST_EMULATOR");
-    return emu != nullptr && emu[0] != '\0' ? n / 8 : n;
 }
 
 // ---- The rules, formatted the plain way. ----
@@ -163,7 +159,7 @@ protected:
 
 TEST_F(LogTextTest, HeaderMatchesThePlainFormatting) {
     static const uint32_t sizes[] = {1, 2, 3, 7, 8, 19, 20, 60, 85, 90, 91, 92, 100, 127, 128};
-    for (int i = 0; i < scaled(20000); ++i) {
+    for (int i = 0; i < kerm_test::scaled(20000, 8); ++i) {
         std::string file = text(24), function = text(40);
         HeadArgs a{pick(0x200),
                    pick(VASK_LOG_MODULE_MAX),
@@ -196,7 +192,7 @@ TEST_F(LogTextTest, TimeTextsMatchStrftimeAcrossSecondDayAndYearEdges) {
         EXPECT_EQ(std::string(no_year), reference_time(false, size)) << g_real.tv_sec;
         EXPECT_EQ(no_year[size], 'Z');
     };
-    for (int i = 0; i < scaled(3000); ++i) {
+    for (int i = 0; i < kerm_test::scaled(3000, 8); ++i) {
         random_wall_time();
         uint32_t size = pick(4) == 0 ? 1 + pick(30) : 64;
         check(size);
@@ -227,7 +223,7 @@ TEST_F(LogTextTest, TimeTextsMatchStrftimeAcrossSecondDayAndYearEdges) {
 TEST_F(LogTextTest, ConsoleAndSocketLinesMatchThePlainFormatting) {
     (void)unshare(CLONE_NEWNET);  // a private abstract name space for the collector
     ASSERT_EQ(vask_log_server_initialize(), 0);
-    for (int i = 0; i < scaled(400); ++i) {
+    for (int i = 0; i < kerm_test::scaled(400, 8); ++i) {
         random_wall_time();
         const uint32_t level = pick(4) == 0 ? 6 + pick(250) : pick(6);
         std::string head = text(pick(8) == 0 ? 300 : 100);
@@ -240,7 +236,7 @@ TEST_F(LogTextTest, ConsoleAndSocketLinesMatchThePlainFormatting) {
         if (pick(8) == 0) fmt = fmt_long.c_str();
         auto check = [&](auto arg) {
             vask_log_control(LOG_CTRL_SET_OUTPUT, LOG_OUT_CONSOLE, 0);
-            std::string out = capture_stdout([&] { vask_log_print(1, level, h, fmt, arg); });
+            std::string out = stdout_of([&] { vask_log_print(1, level, h, fmt, arg); });
             ASSERT_EQ(out, reference_console_line(h, fmt, arg)) << "case " << i;
 
             vask_log_control(LOG_CTRL_SET_OUTPUT, LOG_OUT_SOCKET, 0);
