@@ -6,6 +6,7 @@
 
 #include <sstream>
 
+#include "support/scratch_dir.h"
 #include "wlc_hls/nalu_sei_internal.h"  // with kerm_sei.h and kerm_log.h
 
 using Bytes = std::vector<uint8_t>;
@@ -26,11 +27,7 @@ inline Vals info(const SeiNalInfo &i, const uint8_t *base) {
 
 // Console lines fn writes, each spelled "53@1[function :message" (module, level) between newlines.
 template <class F> std::string logs(F fn) {
-    fflush(stdout);
-    ::testing::internal::CaptureStdout();
-    fn();
-    fflush(stdout);
-    std::istringstream in(::testing::internal::GetCapturedStdout());
+    std::istringstream in(kerm_test::stdout_of(fn));
     std::string out = "\n";
     for (std::string l; std::getline(in, l);)
         if (size_t v = l.find("VASK"), b = l.find('[', v); b != std::string::npos)
