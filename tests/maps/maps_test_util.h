@@ -11,13 +11,12 @@
 #include <string>
 #include <vector>
 
+#include "support/emulator.h"
+
 namespace maps_test {
 
 // Fewer model steps under the emulator.
-inline int steps(int host) {
-    const char *emu = getenv("KERM_TEST_EMULATOR");
-    return emu && *emu ? host / 2 : host;
-}
+inline int steps(int host) { return kerm_test::scaled(host, 2); }
 
 // Byte order, then shorter first: a strict weak order std::map can share.
 inline int32_t lex_cmp(const void *a, uint32_t la, const void *b, uint32_t lb) {
