@@ -19,6 +19,13 @@ Bytes b(T v) {
     return out;
 }
 
+using Keys = const BinHeapKeyCallbacks *const;
+Keys i16 = util_binheap_keys_callbacks_int16_t(), u16 = util_binheap_keys_callbacks_uint16_t();
+Keys i32 = util_binheap_keys_callbacks_int32_t(), u32 = util_binheap_keys_callbacks_uint32_t();
+Keys i64 = util_binheap_keys_callbacks_int64_t(), u64 = util_binheap_keys_callbacks_uint64_t();
+Keys f32 = util_binheap_keys_callbacks_float(), f64 = util_binheap_keys_callbacks_double();
+Keys def = util_binheap_keys_callbacks_default();
+
 struct CompareRow {
     const char *what;
     const BinHeapKeyCallbacks *keys;
@@ -27,10 +34,6 @@ struct CompareRow {
 };
 
 TEST(BinHeapKeys, ComparisonTable) {
-    auto i16 = util_binheap_keys_callbacks_int16_t(), u16 = util_binheap_keys_callbacks_uint16_t();
-    auto i32 = util_binheap_keys_callbacks_int32_t(), u32 = util_binheap_keys_callbacks_uint32_t();
-    auto i64 = util_binheap_keys_callbacks_int64_t(), u64 = util_binheap_keys_callbacks_uint64_t();
-    auto f32 = util_binheap_keys_callbacks_float(), f64 = util_binheap_keys_callbacks_double();
     const CompareRow rows[] = {
         {"i16 plain", i16, b<int16_t>(5), b<int16_t>(3), 2},
         {"i16 full range, no wrap", i16, b<int16_t>(-32768), b<int16_t>(32767), -65535},
@@ -55,6 +58,10 @@ TEST(BinHeapKeys, ComparisonTable) {
         {"short against full", i32, Bytes(3), b<int32_t>(0), -1},
         {"both short", i16, Bytes(1, 7), Bytes(1, 9), 0},
         {"longer keys use the leading value", i32, Bytes{2, 0, 0, 0, 9}, Bytes{1, 0, 0, 0, 0}, 1},
+        // Bytes: length first (the byte order shows in BinHeap.DefaultKeysOrderByLengthThenBytes).
+        {"bytes shorter first", def, Bytes{9}, Bytes{1, 2}, -1},
+        {"bytes equal", def, Bytes{1, 2}, Bytes{1, 2}, 0},
+        {"bytes both empty (null)", def, Bytes(), Bytes(), 0},
     };
     for (const auto &r : rows)
         EXPECT_EQ(r.keys->compare(r.a.data(), static_cast<uint32_t>(r.a.size()), r.b.data(),
@@ -73,11 +80,6 @@ struct StepRow {
 };
 
 TEST(BinHeapKeys, StepTable) {
-    auto i16 = util_binheap_keys_callbacks_int16_t(), u16 = util_binheap_keys_callbacks_uint16_t();
-    auto i32 = util_binheap_keys_callbacks_int32_t(), u32 = util_binheap_keys_callbacks_uint32_t();
-    auto i64 = util_binheap_keys_callbacks_int64_t(), u64 = util_binheap_keys_callbacks_uint64_t();
-    auto f32 = util_binheap_keys_callbacks_float(), f64 = util_binheap_keys_callbacks_double();
-    auto def = util_binheap_keys_callbacks_default();
     const StepRow rows[] = {
         {"i16 truncates", i16, b<int16_t>(32767), 1, true, b<int16_t>(-32768)},
         {"i16 amount truncated", i16, b<int16_t>(0), 70000, true, b<int16_t>(4464)},
@@ -115,16 +117,6 @@ TEST(BinHeapKeys, StepTable) {
         // Null outputs are allowed and allocate nothing that leaks.
         r.keys->increment(r.key.data(), static_cast<uint32_t>(r.key.size()), nullptr, nullptr, r.amount);
     }
-}
-
-TEST(BinHeapKeys, DefaultOrderIsLengthThenBytes) {
-    auto def = util_binheap_keys_callbacks_default();
-    const uint8_t a[] = {1, 2}, c[] = {1, 3}, d[] = {9};
-    EXPECT_LT(def->compare(a, 2, c, 2), 0);
-    EXPECT_GT(def->compare(c, 2, a, 2), 0);
-    EXPECT_EQ(def->compare(a, 2, a, 2), 0);
-    EXPECT_EQ(def->compare(d, 1, a, 2), -1);
-    EXPECT_EQ(def->compare(nullptr, 0, nullptr, 0), 0);
 }
 
 }  // namespace
