@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "kerm_pqueue.h"
+#include "support/emulator.h"
 
 namespace {
 
@@ -198,7 +199,7 @@ TEST(PQueue, WalkAndRemove) {
 }
 
 TEST(PQueue, ProducersAndConsumersSeeEveryValueOnce) {
-    const int per_producer = getenv("KERM_TEST_EMULATOR") != nullptr ? 1500 : 10000;
+    const int per_producer = kerm_test::scaled(10000, 6);
     const int producers = 2, consumers = 2, total = producers * per_producer;
     for (uint32_t max_size : {1000000u, 64u}) {
         SCOPED_TRACE(max_size);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kerm_statemachine.h"
+#include "support/emulator.h"
 
 namespace {
 
@@ -114,7 +115,7 @@ uint8_t stay(void *arg, uint32_t state) {
 }
 
 TEST(StateMachine, PolledFromTwoThreadsWhileAThirdChangesState) {
-    const int polls = getenv("KERM_TEST_EMULATOR") != nullptr ? 2000 : 20000;
+    const int polls = kerm_test::scaled(20000, 10);
     Machine sm(0);
     ASSERT_EQ(util_statemachine_add(&sm.m, 0, stay<0>), 0);
     ASSERT_EQ(util_statemachine_add(&sm.m, 1, stay<1>), 0);

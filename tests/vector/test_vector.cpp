@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kerm_vector.h"
+#include "support/emulator.h"
 
 namespace {
 
@@ -160,8 +161,7 @@ TEST(Vector, NullHandlesAreHarmless) {
 }
 
 TEST(Vector, ThreadsPushingIntoOneVectorKeepEveryValue) {
-    const bool emulated = getenv("KERM_TEST_EMULATOR") != nullptr;
-    const int threads = 4, per_thread = emulated ? 300 : 2000;
+    const int threads = 4, per_thread = kerm_test::scaled(2000, 6);
     Vec vec;
     std::vector<std::thread> pool;
     for (int t = 0; t < threads; ++t)
