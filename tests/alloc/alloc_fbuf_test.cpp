@@ -44,20 +44,20 @@ int pipe_with(const std::string &bytes) {
 struct GrowRow {
     const char *name;
     int64_t (*op)(util_fbuf_t *, const util_fbuf_t *big);  // grows "hello" in a 128-byte block past it
-    int64_t failed;
+    int64_t failed, done;
 };
 const GrowRow kGrowing[] = {
     {"add_binary", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t {
          return util_fbuf_add_binary(b, reinterpret_cast<const uint8_t *>(kBig.data()), int32_t(kBig.size()));
-     }, -1},
-    {"add", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_add(b, kBig.c_str()); }, -1},
-    {"add_ln", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_add_ln(b, kBig.c_str()); }, -1},
-    {"prepend", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_prepend(b, kBig.c_str()); }, -1},
-    {"concat", [](util_fbuf_t *b, const util_fbuf_t *big) -> int64_t { return util_fbuf_concat(b, big); }, -1},
-    {"set", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_set(b, kBig.c_str()); }, -1},
-    {"nprintf", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_nprintf(b, 250, "%s", kBig.c_str()); }, -1},
-    {"printf", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_printf(b, "%s", kBig.c_str()); }, -1},
-    {"extend", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_extend(b, 300); }, 0},
+     }, -1, 200},
+    {"add", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_add(b, kBig.c_str()); }, -1, 200},
+    {"add_ln", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_add_ln(b, kBig.c_str()); }, -1, 201},
+    {"prepend", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_prepend(b, kBig.c_str()); }, -1, 200},
+    {"concat", [](util_fbuf_t *b, const util_fbuf_t *big) -> int64_t { return util_fbuf_concat(b, big); }, -1, 201},
+    {"set", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_set(b, kBig.c_str()); }, -1, 200},
+    {"nprintf", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_nprintf(b, 250, "%s", kBig.c_str()); }, -1, 200},
+    {"printf", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_printf(b, "%s", kBig.c_str()); }, -1, 200},
+    {"extend", [](util_fbuf_t *b, const util_fbuf_t *) -> int64_t { return util_fbuf_extend(b, 300); }, 0, 16384},
 };
 
 TEST(AllocFbuf, Create) {
@@ -77,22 +77,19 @@ TEST(AllocFbuf, GrowingCallsKeepTheContent) {
     ASSERT_EQ(util_fbuf_add(big, kBig.c_str()), 200);
     for (const GrowRow &row : kGrowing) {
         SCOPED_TRACE(row.name);
-        alloc_fail::sweep([&](Attempt &a) {
-            util_fbuf_t *b = hello();
-            const int64_t rc = a.run([&] { return row.op(b, big); });
-            if (a.injected()) {
-                EXPECT_EQ(rc, row.failed);
-                EXPECT_EQ(util_fbuf_len(b), 128u);
-                EXPECT_EQ(text(b), kHello);  // add_ln's line end fits once the text is in
-                EXPECT_EQ(util_fbuf_data(b)[util_fbuf_used(b)], 0);
-            } else {
-                EXPECT_NE(rc, row.failed);
-                EXPECT_GT(util_fbuf_len(b), 128u);
-            }
-            EXPECT_EQ(util_fbuf_add(b, "!"), 1);  // usable
-            util_fbuf_free(b);
-            EXPECT_EQ(a.leaked(), 0u);
-        });
+        alloc_sweep::operation([] { return hello(); }, [&](util_fbuf_t *b) { return row.op(b, big); }, row.failed,
+                               row.done,
+                               [](util_fbuf_t *b, bool failed) {
+                                   if (failed) {
+                                       EXPECT_EQ(util_fbuf_len(b), 128u);
+                                       EXPECT_EQ(text(b), kHello);  // add_ln's line end fits once the text is in
+                                       EXPECT_EQ(util_fbuf_data(b)[util_fbuf_used(b)], 0);
+                                   } else {
+                                       EXPECT_GT(util_fbuf_len(b), 128u);
+                                   }
+                                   EXPECT_EQ(util_fbuf_add(b, "!"), 1);  // usable
+                               },
+                               util_fbuf_free);
     }
     util_fbuf_free(big);
 }
@@ -100,7 +97,7 @@ TEST(AllocFbuf, GrowingCallsKeepTheContent) {
 // Content that starts at an offset is copied into a new block; a failure
 // must leave the offset and the old block in place.
 TEST(AllocFbuf, GrowFromAnOffset) {
-    alloc_fail::sweep([](Attempt &a) {
+    alloc_sweep::leak_free([](Attempt &a) {
         util_fbuf_t *b = hello();
         util_fbuf_remove(b, 2);  // "llo" at offset 2
         uint8_t *old_block = b->data;
@@ -118,7 +115,6 @@ TEST(AllocFbuf, GrowFromAnOffset) {
             free(old_block);  // kept on purpose by the growth path; the test owns it
         }
         util_fbuf_free(b);
-        EXPECT_EQ(a.leaked(), 0u);
     });
 }
 
@@ -137,7 +133,7 @@ TEST(AllocFbuf, Readers) {
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
-        alloc_fail::sweep([&](Attempt &a) {
+        alloc_sweep::leak_free([&](Attempt &a) {
             util_fbuf_t *b = hello();
             const int fd = pipe_with(line);
             FILE *f = nullptr;
@@ -161,7 +157,6 @@ TEST(AllocFbuf, Readers) {
                 close(fd);
             }
             util_fbuf_free(b);
-            EXPECT_EQ(a.leaked(), 0u);
         });
     }
 }
@@ -180,7 +175,7 @@ TEST(AllocFbuf, Reallocating) {
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
-        alloc_fail::sweep([&](Attempt &a) {
+        alloc_sweep::leak_free([&](Attempt &a) {
             util_fbuf_t *b = hello(16384);
             util_fbuf_maxlen(b, 20000);  // above the block: no change, but a previous value to report
             const uint32_t rc = a.run([&] { return row.op(b); });
@@ -198,35 +193,35 @@ TEST(AllocFbuf, Reallocating) {
                 EXPECT_EQ(util_fbuf_add(b, fill.c_str()), static_cast<int32_t>(room));
             }
             util_fbuf_free(b);
-            EXPECT_EQ(a.leaked(), 0u);
         });
     }
 }
 
 TEST(AllocFbuf, Attach) {
-    alloc_fail::sweep([](Attempt &a) {
-        util_fbuf_t *b = hello();
-        auto *block = static_cast<uint8_t *>(malloc(4));
-        memcpy(block, "abcd", 4);
-        const uint32_t rc = a.run([&] { return util_fbuf_attach(b, block, 4, 4); });
-        if (a.injected()) {
-            EXPECT_EQ(rc, 0u);
-            EXPECT_EQ(util_fbuf_used(b), 0u);
-            EXPECT_EQ(memcmp(block, "abcd", 4), 0);  // still the caller's
-            free(block);
-        } else {
-            EXPECT_EQ(rc, 5u);
-            EXPECT_EQ(text(b), "abcd");
-        }
-        util_fbuf_free(b);
-        EXPECT_EQ(a.leaked(), 0u);
-    });
+    uint8_t *block = nullptr;
+    alloc_sweep::operation(
+        [&] {
+            block = static_cast<uint8_t *>(malloc(4));
+            memcpy(block, "abcd", 4);
+            return hello();
+        },
+        [&](util_fbuf_t *b) { return util_fbuf_attach(b, block, 4, 4); }, 0u, 5u,
+        [&](util_fbuf_t *b, bool failed) {
+            if (failed) {
+                EXPECT_EQ(util_fbuf_used(b), 0u);
+                EXPECT_EQ(memcmp(block, "abcd", 4), 0);  // still the caller's
+                free(block);
+            } else {
+                EXPECT_EQ(text(b), "abcd");
+            }
+        },
+        util_fbuf_free);
 }
 
 // Detaching content at an offset shrinks first; when that cannot
 // reallocate, the larger block is handed out all the same.
 TEST(AllocFbuf, DetachFromAnOffset) {
-    alloc_fail::sweep([](Attempt &a) {
+    alloc_sweep::leak_free([](Attempt &a) {
         util_fbuf_t *b = hello(16384);
         util_fbuf_remove(b, 1);
         uint8_t *block = nullptr;
@@ -237,7 +232,6 @@ TEST(AllocFbuf, DetachFromAnOffset) {
         EXPECT_EQ(util_fbuf_used(b), 0u);
         free(block);
         util_fbuf_free(b);
-        EXPECT_EQ(a.leaked(), 0u);
     });
 }
 

@@ -111,45 +111,41 @@ TEST(AllocMaps, Create) {
 TEST(AllocMaps, AddLeavesTheMapAsItWas) {
     for (const MapOps &ops : kMaps) {
         SCOPED_TRACE(ops.name);
-        alloc_fail::sweep([&](Attempt &a) {
-            void *m = filled(ops);
-            const int32_t rc = a.run([&] { return ops.add(m, kNewKey, &g_value); });
-            if (a.injected()) {
-                EXPECT_EQ(rc, -1);
-                EXPECT_FALSE(ops.has(m, kNewKey));
-                EXPECT_EQ(ops.count(m), 7);
-                EXPECT_EQ(ops.add(m, kNewKey, &g_value), 0);  // usable
-            } else {
-                EXPECT_EQ(rc, 0);
-            }
-            for (const char *k : kKeys) EXPECT_TRUE(ops.has(m, k)) << k;
-            EXPECT_TRUE(ops.has(m, kNewKey));
-            EXPECT_EQ(ops.count(m), 8);
-            ops.destroy(m);
-            EXPECT_EQ(a.leaked(), 0u);
-        });
+        alloc_sweep::operation([&] { return filled(ops); }, [&](void *m) { return ops.add(m, kNewKey, &g_value); },
+                               -1, 0,
+                               [&](void *m, bool failed) {
+                                   if (failed) {
+                                       EXPECT_FALSE(ops.has(m, kNewKey));
+                                       EXPECT_EQ(ops.count(m), 7);
+                                       EXPECT_EQ(ops.add(m, kNewKey, &g_value), 0);  // usable
+                                   }
+                                   for (const char *k : kKeys) EXPECT_TRUE(ops.has(m, k)) << k;
+                                   EXPECT_TRUE(ops.has(m, kNewKey));
+                                   EXPECT_EQ(ops.count(m), 8);
+                               },
+                               ops.destroy);
     }
 }
 
 // A long key below an existing prefix: several path nodes are built before
 // the one that fails, and all of them must go.
 TEST(AllocTrie, InsertDeepPathIsAllOrNothing) {
-    const unsigned runs = alloc_fail::sweep([](Attempt &a) {
-        util_trie *t = util_trie_create(nullptr);
-        ASSERT_EQ(util_trie_insert(t, "ab", &g_value, 0, 0), 2);
-        const int32_t rc = a.run([&] { return util_trie_insert(t, "abcdefgh", &g_value, 0, 0); });
-        if (a.injected()) {
-            EXPECT_EQ(rc, -1);
-            EXPECT_EQ(util_trie_node_count(t), 2u);
-            EXPECT_EQ(util_trie_key_count(t), 1u);
-            EXPECT_EQ(util_trie_find(t, "abc", nullptr), nullptr);
-        } else {
-            EXPECT_EQ(rc, 6);
-        }
-        EXPECT_EQ(util_trie_find(t, "ab", nullptr), &g_value);
-        util_trie_destroy(t);
-        EXPECT_EQ(a.leaked(), 0u);
-    });
+    const unsigned runs = alloc_sweep::operation(
+        [] {
+            util_trie *t = util_trie_create(nullptr);
+            EXPECT_EQ(util_trie_insert(t, "ab", &g_value, 0, 0), 2);
+            return t;
+        },
+        [](util_trie *t) { return util_trie_insert(t, "abcdefgh", &g_value, 0, 0); }, -1, 6,
+        [](util_trie *t, bool failed) {
+            if (failed) {
+                EXPECT_EQ(util_trie_node_count(t), 2u);
+                EXPECT_EQ(util_trie_key_count(t), 1u);
+                EXPECT_EQ(util_trie_find(t, "abc", nullptr), nullptr);
+            }
+            EXPECT_EQ(util_trie_find(t, "ab", nullptr), &g_value);
+        },
+        util_trie_destroy);
     EXPECT_EQ(runs, 6u);
 }
 
@@ -158,7 +154,7 @@ TEST(AllocTrie, InsertDeepPathIsAllOrNothing) {
 // (find_or_insert, which allocates nothing for an existing key).
 TEST(AllocTrie, ReplaceWithCopy) {
     static char old_block[] = "old", new_block[] = "new";
-    alloc_fail::sweep([](Attempt &a) {
+    alloc_sweep::leak_free([](Attempt &a) {
         util_trie *t = util_trie_create(nullptr);
         ASSERT_EQ(util_trie_insert(t, "key", old_block, 4, 1), 3);
         void *old_data = nullptr;
@@ -177,7 +173,6 @@ TEST(AllocTrie, ReplaceWithCopy) {
         }
         EXPECT_EQ(size, 4u);
         util_trie_destroy(t);
-        EXPECT_EQ(a.leaked(), 0u);
     });
     util_trie *t = util_trie_create(nullptr);
     ASSERT_EQ(util_trie_insert(t, "key", old_block, 4, 1), 3);
@@ -192,7 +187,7 @@ TEST(AllocTrie, ReplaceWithCopy) {
 // a failure keeps the old entry.
 TEST(AllocMaps, Replace) {
     static int old_value = 1;
-    alloc_fail::sweep([](Attempt &a) {
+    alloc_sweep::leak_free([](Attempt &a) {
         util_skiplist *s = util_skiplist_create(4, 50, bytes_cmp, nullptr);
         util_rbt *r = util_rbt_create(bytes_cmp, nullptr);
         ASSERT_EQ(util_skiplist_insert(s, "k", 1, &old_value), 0);
@@ -208,7 +203,6 @@ TEST(AllocMaps, Replace) {
         EXPECT_EQ(util_skiplist_search(s, "k", 1), &g_value);
         util_skiplist_destroy(s);
         util_rbt_destroy(r);
-        EXPECT_EQ(a.leaked(), 0u);
     });
 }
 
