@@ -8,11 +8,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <string>
 
 #include "kerm_log.h"
 #include "kerm_sdr.h"
+#include "support/scratch_dir.h"
 
 namespace {
 
@@ -28,19 +28,15 @@ constexpr uint32_t pack(uint32_t ms) { return ((ms / VASK_SSFN_PERIOD_MS) << 16)
 class SdrTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        const char *tmp = getenv("KERM_TEST_TMP");
-        root_ = tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp";
-        mkdir(root_.c_str(), 0700);
-        root_ += "/sdr-XXXXXX";
-        ASSERT_NE(mkdtemp(root_.data()), nullptr) << root_;
-        mkdir((root_ + "/dev").c_str(), 0700);
-        fd_ = open((root_ + "/dev/mem").c_str(), O_RDWR | O_CREAT, 0600);
+        dir_ = new kerm_test::ScratchDir;
+        root_ = dir_->root();
+        fd_ = open(dir_->write("dev/mem", "").c_str(), O_RDWR);
         ASSERT_EQ(ftruncate(fd_, 0x100001000ll), 0) << root_;  // one page past 4 GiB
         vask_log_control(LOG_CTRL_SET_MODULE_LEVEL, 0, 1);  // errors only
     }
     static void TearDownTestSuite() {
         close(fd_);
-        std::filesystem::remove_all(root_);
+        delete dir_;
     }
     void SetUp() override { use_root(root_); }
     void TearDown() override { vask_util_sdr_deinit(); }
@@ -60,10 +56,9 @@ protected:
     template <typename F>
     static std::string logged(uint32_t head, F fn) {
         vask_log_control(LOG_CTRL_SET_HEAD_FLAGS, head, 0);
-        ::testing::internal::CaptureStdout();
-        fn();
-        return ::testing::internal::GetCapturedStdout();
+        return kerm_test::stdout_of(fn);
     }
+    static inline kerm_test::ScratchDir *dir_;
     static inline std::string root_;
     static inline int fd_ = -1;
 };
