@@ -118,8 +118,6 @@ TEST(Rbt, StaysBalancedUnderOrderedSequences) {
         ASSERT_EQ(util_rbt_find(t, &k, 4, &v), i % 3 == 0 ? -1 : 0);
         if (i % 3) {
             ASSERT_EQ(v, val(i));
-        }
-        if (i % 3) {
             ASSERT_EQ(util_rbt_remove(t, &k, 4, nullptr), 0);
         }
         expect_valid(t);
