@@ -29,6 +29,10 @@ struct Heap {
         : h(util_binheap_create(keys, mode)) {
         if (h == nullptr) abort();
     }
+    // Keys 1..n, each with itself as value.
+    Heap(uint32_t mode, int32_t n) : Heap(mode) {
+        for (int32_t k = 1; k <= n; ++k) add(k);
+    }
     ~Heap() { util_binheap_destroy(h); }
     // Inserts key k with value k (ids are the keys unless given).
     void add(int32_t k) { ASSERT_EQ(util_binheap_insert(h, &k, sizeof k, as_value(static_cast<uintptr_t>(k))), 0); }
@@ -90,8 +94,7 @@ void expect_heap_ordered(const BinHeap *h) {
 }
 
 TEST(BinHeap, OneToSevenIntoAMaxHeap) {
-    Heap heap(BINHEAP_MODE_MAX);
-    for (int32_t k = 1; k <= 7; ++k) heap.add(k);
+    Heap heap(BINHEAP_MODE_MAX, 7);
     EXPECT_EQ(heap.root_degrees(), (std::vector<uint32_t>{0, 1, 2}));
     void *key = nullptr, *value = nullptr;
     uint32_t klen = 0;
@@ -289,8 +292,7 @@ TEST(BinHeap, WalkResults) {
         {"every other removed", {{7, -1}, {5, -1}, {3, -1}, {1, -1}}, 7, {6, 4, 2}},
     };
     for (const auto &row : rows) {
-        Heap heap(BINHEAP_MODE_MAX);
-        for (int32_t k = 1; k <= 7; ++k) heap.add(k);
+        Heap heap(BINHEAP_MODE_MAX, 7);
         ASSERT_EQ(heap.preorder(), (std::vector<int32_t>{7, 6, 5, 4, 3, 2, 1}));
         uint32_t n = util_binheap_walk(
             heap.h,
@@ -309,8 +311,7 @@ TEST(BinHeap, WalkResults) {
 
 TEST(BinHeap, KeyAdjustmentsSiftUpOnly) {
     {
-        Heap heap(BINHEAP_MODE_MAX);
-        for (int32_t k = 1; k <= 7; ++k) heap.add(k);
+        Heap heap(BINHEAP_MODE_MAX, 7);
         util_binheap_increase_maximum(heap.h, 10);
         util_binheap_increase_maximum(heap.h, 0);  // nothing
         EXPECT_EQ(heap.drain(), (std::vector<int32_t>{17, 6, 5, 4, 3, 2, 1}));
@@ -318,8 +319,7 @@ TEST(BinHeap, KeyAdjustmentsSiftUpOnly) {
     {
         // Lowering the top of a max-heap: no sift down, and the cached top
         // stays on the same entry with its new key.
-        Heap heap(BINHEAP_MODE_MAX);
-        for (int32_t k = 1; k <= 7; ++k) heap.add(k);
+        Heap heap(BINHEAP_MODE_MAX, 7);
         util_binheap_increase_maximum(heap.h, -4);  // negative: the other way
         void *k, *v;
         ASSERT_EQ(util_binheap_maximum(heap.h, &k, nullptr, &v), 0);
@@ -331,8 +331,7 @@ TEST(BinHeap, KeyAdjustmentsSiftUpOnly) {
     {
         // Raising the (approximate) minimum of a max-heap sifts it up its tree;
         // the values travel with the keys.
-        Heap heap(BINHEAP_MODE_MAX);
-        for (int32_t k = 1; k <= 7; ++k) heap.add(k);
+        Heap heap(BINHEAP_MODE_MAX, 7);
         void *k, *v;
         ASSERT_EQ(util_binheap_minimum(heap.h, &k, nullptr, &v), 0);
         EXPECT_EQ(key_of(k), 1);
@@ -349,8 +348,7 @@ TEST(BinHeap, KeyAdjustmentsSiftUpOnly) {
         EXPECT_EQ(kv, (std::vector<std::pair<int32_t, uintptr_t>>{{7, 7}, {6, 6}, {5, 5}, {4, 4}, {3, 3}, {3, 1}, {2, 2}}));
     }
     {
-        Heap heap(BINHEAP_MODE_MIN);
-        for (int32_t k = 1; k <= 7; ++k) heap.add(k);
+        Heap heap(BINHEAP_MODE_MIN, 7);
         util_binheap_decrease_minimum(heap.h, 10);
         EXPECT_EQ(heap.drain(), (std::vector<int32_t>{-9, 2, 3, 4, 5, 6, 7}));
     }
