@@ -228,25 +228,17 @@ TEST(Trie, AgreesWithModel) {
         int op = std::uniform_int_distribution<int>(0, 9)(rng);
         if (op < 4) {
             ASSERT_EQ(util_trie_insert(t, k.c_str(), val(v), uint32_t(k.size()), 0), m.insert(k, v)) << k;
-        } else if (op == 4) {
-            void *old = val(0xbad);
-            bool had = m.exists(k);
-            void *want_old = had && m.data.count(k) ? val(m.data[k]) : nullptr;
-            int32_t want = had ? 0 : m.insert(k, v);
-            ASSERT_EQ(util_trie_find_or_insert(t, k.c_str(), val(v), uint32_t(k.size()), &old, nullptr, 0), want) << k;
-            if (had) {
-                ASSERT_EQ(old, want_old);
-            }
-        } else if (op == 5) {
-            void *old = val(0xbad);
-            bool had = m.exists(k);
-            void *want_old = had && m.data.count(k) ? val(m.data[k]) : nullptr;
+        } else if (op < 6) {
+            // An existing node: find_or_insert leaves its data, find_and_insert replaces it.
+            const bool had = m.exists(k), replace = op == 5;
+            void *old = val(0xbad), *want_old = had && m.data.count(k) ? val(m.data[k]) : nullptr;
             int32_t want = 0;
-            if (had)
-                m.set(k, v);
-            else
+            if (!had)
                 want = m.insert(k, v);
-            ASSERT_EQ(util_trie_find_and_insert(t, k.c_str(), val(v), uint32_t(k.size()), &old, nullptr, 0), want) << k;
+            else if (replace)
+                m.set(k, v);
+            const auto call = replace ? util_trie_find_and_insert : util_trie_find_or_insert;
+            ASSERT_EQ(call(t, k.c_str(), val(v), uint32_t(k.size()), &old, nullptr, 0), want) << k;
             if (had) {
                 ASSERT_EQ(old, want_old);
             }
