@@ -12,22 +12,19 @@
 //
 // Adding a family's cases: drop `tests/alloc/alloc_<family>_test.cpp` (the
 // folder's CMakeLists.txt picks up every source there) and write, for every
-// exported operation that allocates, one sweep:
+// exported operation that allocates, one sweep (the shapes are in
+// tests/alloc/alloc_sweep.h; alloc_fail::sweep with an Attempt is the raw form
+// for operations they do not fit):
 //
 //   TEST(AllocVector, Push) {
-//       alloc_fail::sweep([](alloc_fail::Attempt &a) {
-//           util_vector *v = make_vector_with_three();        // not armed
-//           const int rc = a.run([&] { return util_vector_push(v, 4); });
-//           if (a.injected()) {                               // the k-th call failed
-//               EXPECT_EQ(rc, -1);                            // the described failure
-//               EXPECT_EQ(util_vector_size(v), 3u);           // unchanged, still usable
-//               EXPECT_EQ(a.leaked(), 0u);                    // nothing left behind
-//           } else {
-//               EXPECT_EQ(rc, 0);                             // the run that completed
-//           }
-//           util_vector_destroy(v);
-//           EXPECT_EQ(a.leaked(), 0u);                        // the success path too
-//       });
+//       alloc_sweep::operation(
+//           [] { return make_vector_with_three(); },               // not armed
+//           [](util_vector *v) { return util_vector_push(v, 4); },  // armed
+//           -1, 0,                           // the described failure, the complete run
+//           [](util_vector *v, bool failed) {  // unchanged and usable, or grown
+//               EXPECT_EQ(util_vector_size(v), failed ? 3u : 4u);
+//           },
+//           util_vector_destroy);            // and nothing left behind either way
 //   }
 //
 // sweep() runs the body with k = 0 (nothing fails: a plain run that also
