@@ -290,16 +290,25 @@ KERM_API util_rqueue_t *util_rqueue_create(uint32_t size, int32_t mode) noexcept
     // Reads shift pages by one place per lap, which keeps that property.
     size_t stride = (kerm::kCacheLine + sizeof(Page) - 1) / sizeof(Page);
     while (std::gcd(stride, pages) != 1) ++stride;
-    auto at = [&](size_t i) { return &q->block[i % pages * stride % pages]; };
-    for (size_t i = 0; i < pages; ++i) {
-        at(i)->prev.store(word(at(i ? i - 1 : pages - 1)));
-        at(i)->next.store(i + 1 < pages ? word(at(i + 1)) : (word(at(0)) | kMark));
+    stride %= pages;
+    Page *first = &q->block[0], *last = nullptr;
+    for (size_t i = 0, slot = 0; i < pages; ++i) {
+        Page *p = &q->block[slot];
+        if (last) {
+            p->prev.store(word(last), std::memory_order_relaxed);
+            last->next.store(word(p), std::memory_order_relaxed);
+        }
+        last = p;
+        slot += stride;
+        if (slot >= pages) slot -= pages;
     }
+    last->next.store(word(first) | kMark, std::memory_order_relaxed);
+    first->prev.store(word(last), std::memory_order_relaxed);
     Page *spare = &q->block[pages];
-    spare->next.store(word(at(0)));
-    q->head.store(at(0));
-    q->tail.store(at(0));
-    q->commit.store(at(0));
+    spare->next.store(word(first));
+    q->head.store(first);
+    q->tail.store(first);
+    q->commit.store(first);
     q->reader.store(spare);
     q->size = size < kMinSize ? kMinSize : size;
     q->pages = static_cast<uint32_t>(pages);
