@@ -52,7 +52,7 @@ constexpr uint32_t kThreshold = 1024;
 
 Node *node_at(uintptr_t w) { return reinterpret_cast<Node *>(w & ~uintptr_t{1}); }
 uintptr_t bits(Node *n) { return reinterpret_cast<uintptr_t>(n); }
-util_queue_entry *entry(Node *n) { return static_cast<util_queue_entry *>(get_node_ptr(n)); }
+util_queue_entry *entry(Node *n) { return static_cast<util_queue_entry *>(kerm::refcnt_object(n)); }
 Node **prev_of(Node *n) { return &entry(n)->prev; }
 Node **next_of(Node *n) { return &entry(n)->next; }
 uintptr_t load(Node **link) { return bits(std::atomic_ref<Node *>(*link).load()); }
@@ -329,6 +329,10 @@ KERM_API int32_t util_queue_init(util_queue_t *queue) noexcept {
     queue->tail = tail;
     store_ref(queue->refcnt, &head->next, tail->node);
     store_ref(queue->refcnt, &tail->prev, head->node);
+    // The sentinels live as long as the queue: every push and pop at an end
+    // would otherwise write the same count.
+    kerm::refcnt_pin(head->node, true);
+    kerm::refcnt_pin(tail->node, true);
     return 0;
 }
 
@@ -352,6 +356,8 @@ KERM_API void util_queue_destroy(util_queue_t *queue) noexcept {
     while (pop_left(queue, &value))
         if (value && queue->free_value) queue->free_value(value);
     util_refcnt_t *rc = queue->refcnt;
+    kerm::refcnt_pin(queue->head->node, false);
+    kerm::refcnt_pin(queue->tail->node, false);
     store_ref(rc, &queue->head->next, nullptr);
     store_ref(rc, &queue->tail->prev, nullptr);
     release_ref(rc, queue->head->node);

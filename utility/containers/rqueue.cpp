@@ -165,13 +165,18 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
                 leave_write(q);
                 return -2;
             }
-            q->tail.compare_exchange_strong(t, n);
+            q->tail.store(n, std::memory_order_release);
             pause_write(q);
             ++attempts;
             continue;
         }
         if (!(tn & kMark) && (n != h || is_empty(q))) {
-            if (!(t->next.load() & kMark)) moved = q->tail.compare_exchange_strong(t, n);
+            // Only the write flag's holder moves the tail, so a plain store
+            // does what a compare-and-swap from T would.
+            if (!(t->next.load() & kMark)) {
+                q->tail.store(n, std::memory_order_release);
+                moved = true;
+            }
         } else if (!blocking && c->next.load() == word(t)) {
             if (!overwrite_oldest(q, t)) sched_yield();
             continue;
@@ -219,25 +224,21 @@ void *read_value(util_rqueue *q, uint32_t budget) {
             drop_flag(q->read_flag);
             continue;
         }
-        uintptr_t expected = rn;
-        if (!r->next.compare_exchange_strong(expected, (hn & ~kBit1) | kMark)) {
-            fputs("reader->next swap failed\n", stderr);
-            drop_flag(q->read_flag);
-            continue;
-        }
+        // The spare page and the head pointer change only under the read
+        // flag: plain stores do what compare-and-swaps from the values just
+        // loaded would (the swap of hp's next below publishes them).
+        r->next.store((hn & ~kBit1) | kMark, std::memory_order_relaxed);
         r->prev.store(word(hp), std::memory_order_release);
         uintptr_t marked_h = word(h) | kMark;
         if (!hp->next.compare_exchange_strong(marked_h, word(r))) {
             fputs("head swap failed\n", stderr);
-            uintptr_t cur = r->next.load();
-            while (!r->next.compare_exchange_weak(cur, rn)) {
-            }
+            r->next.store(rn, std::memory_order_relaxed);
             sched_yield();
             drop_flag(q->read_flag);
             continue;
         }
         Page *n = page_at(hn);
-        q->head.compare_exchange_strong(h, n);
+        q->head.store(n, std::memory_order_release);
         n->prev.store(word(r), std::memory_order_release);
         q->reader.store(h, std::memory_order_release);
         uintptr_t v = h->value.load();
