@@ -81,6 +81,18 @@ struct Ctx {
         return kerm::refcnt_swing(rc, link, expected, node);
     }
 
+    // store_ref on a link of an entry no other thread can reach yet (a push
+    // before the swing that publishes it): a plain store does what the
+    // exchange would, and the swing's full barrier publishes it. The caller
+    // holds a reference on n, so retain_ref cannot refuse it.
+    void set_unpublished(Node **link, Node *n) const {
+        copy(n);
+        std::atomic_ref<Node *> word(*link);
+        Node *old = word.load(std::memory_order_relaxed);
+        word.store(n, std::memory_order_relaxed);
+        release(old);
+    }
+
     // Marks the entry's prev link deleted (its next link already is).
     void mark_prev(Node *n) const {
         for (;;) {
@@ -216,8 +228,8 @@ int32_t push(util_queue_t *q, void *value, bool left) {
             }
             continue;
         }
-        store_ref(c.rc, prev_of(node), prev);
-        store_ref(c.rc, next_of(node), next);
+        c.set_unpublished(prev_of(node), prev);
+        c.set_unpublished(next_of(node), next);
         if (c.swing(next_of(prev), bits(next), bits(node))) break;
         backoff();
     }
