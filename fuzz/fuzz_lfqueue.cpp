@@ -210,7 +210,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             case 0: case 1: case 2: ring.write(next++); break;
             case 3: case 4: case 5: ring.read(); break;
             case 6: ring.stats(); break;
-            default: break;
+            default:
+                expect("ring mode", util_rqueue_mode(ring.q), ring.overwrite);
+                break;
             }
             ring.check();
         } else {
