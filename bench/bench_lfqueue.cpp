@@ -27,7 +27,7 @@
 namespace {
 
 constexpr uint32_t kCapacity = 4096;
-constexpr long kItemsPerProducer = 100000;
+constexpr long kItemsPerProducer = 200000;
 
 struct RingQueue {
     util_rqueue_t *q = util_rqueue_create(kCapacity, UTIL_RQUEUE_MODE_BLOCKING);

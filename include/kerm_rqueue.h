@@ -5,9 +5,10 @@
  * The values live in a fixed ring of pages plus one spare page: a read swaps
  * the spare page into the ring in place of the oldest page and walks off with
  * it, so nothing is allocated after creation. Writers serialise among
- * themselves on a spin flag (yielding while they wait), the single active
- * reader on a second one; a reader and a writer work on different pages at
- * the same time. The value 0 means "empty page" and cannot be stored.
+ * themselves on a spin flag, the single active reader on a second one (a
+ * waiting thread spins briefly, then yields); a reader and a writer work on
+ * different pages at the same time. The value 0 means "empty page" and
+ * cannot be stored.
  *
  * A queue created with size N holds N values at once. Two modes decide what a
  * write into a full queue does: blocking mode retries 1000 times (yielding)

@@ -52,7 +52,7 @@ constexpr uint32_t kThreshold = 1024;
 
 Node *node_at(uintptr_t w) { return reinterpret_cast<Node *>(w & ~uintptr_t{1}); }
 uintptr_t bits(Node *n) { return reinterpret_cast<uintptr_t>(n); }
-util_queue_entry *entry(Node *n) { return static_cast<util_queue_entry *>(get_node_ptr(n)); }
+util_queue_entry *entry(Node *n) { return static_cast<util_queue_entry *>(kerm::refcnt_object(n)); }
 Node **prev_of(Node *n) { return &entry(n)->prev; }
 Node **next_of(Node *n) { return &entry(n)->next; }
 uintptr_t load(Node **link) { return bits(std::atomic_ref<Node *>(*link).load()); }
@@ -79,6 +79,18 @@ struct Ctx {
     }
     bool swing(Node **link, uintptr_t expected, uintptr_t node) const {
         return kerm::refcnt_swing(rc, link, expected, node);
+    }
+
+    // store_ref on a link of an entry no other thread can reach yet (a push
+    // before the swing that publishes it): a plain store does what the
+    // exchange would, and the swing's full barrier publishes it. The caller
+    // holds a reference on n, so retain_ref cannot refuse it.
+    void set_unpublished(Node **link, Node *n) const {
+        copy(n);
+        std::atomic_ref<Node *> word(*link);
+        Node *old = word.load(std::memory_order_relaxed);
+        word.store(n, std::memory_order_relaxed);
+        release(old);
     }
 
     // Marks the entry's prev link deleted (its next link already is).
@@ -216,8 +228,8 @@ int32_t push(util_queue_t *q, void *value, bool left) {
             }
             continue;
         }
-        store_ref(c.rc, prev_of(node), prev);
-        store_ref(c.rc, next_of(node), next);
+        c.set_unpublished(prev_of(node), prev);
+        c.set_unpublished(next_of(node), next);
         if (c.swing(next_of(prev), bits(next), bits(node))) break;
         backoff();
     }
@@ -329,6 +341,10 @@ KERM_API int32_t util_queue_init(util_queue_t *queue) noexcept {
     queue->tail = tail;
     store_ref(queue->refcnt, &head->next, tail->node);
     store_ref(queue->refcnt, &tail->prev, head->node);
+    // The sentinels live as long as the queue: every push and pop at an end
+    // would otherwise write the same count.
+    kerm::refcnt_pin(head->node, true);
+    kerm::refcnt_pin(tail->node, true);
     return 0;
 }
 
@@ -352,6 +368,8 @@ KERM_API void util_queue_destroy(util_queue_t *queue) noexcept {
     while (pop_left(queue, &value))
         if (value && queue->free_value) queue->free_value(value);
     util_refcnt_t *rc = queue->refcnt;
+    kerm::refcnt_pin(queue->head->node, false);
+    kerm::refcnt_pin(queue->tail->node, false);
     store_ref(rc, &queue->head->next, nullptr);
     store_ref(rc, &queue->tail->prev, nullptr);
     release_ref(rc, queue->head->node);

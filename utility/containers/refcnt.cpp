@@ -25,17 +25,6 @@
 #include "kerm_refcnt.h"
 #include "kerm_rqueue.h"
 
-struct util_refcnt_node {
-    std::atomic<void *> object{nullptr};
-    // The terminate callback's argument; while the record waits on the
-    // refused-records list, the next record of that list.
-    std::atomic<void *> argument{nullptr};
-    std::atomic<uint32_t> count{0};
-    std::atomic<uint8_t> retiring{0};
-};
-
-static_assert(sizeof(void *) != 4 || sizeof(util_refcnt_node) == 16, "node record is 16 bytes on the target");
-
 struct util_refcnt {
     util_refcnt_terminate_callback_t terminate = nullptr;
     util_refcnt_free_callback_t free_object = nullptr;
@@ -64,12 +53,16 @@ std::atomic_ref<util_refcnt_node_t *> link_of(util_refcnt_node_t **link) {
     return std::atomic_ref<util_refcnt_node_t *>(*link);
 }
 
+bool pinned(util_refcnt_node_t *n) { return n->pinned.load(std::memory_order_relaxed) != 0; }
+
 void add_ref(util_refcnt_node_t *n) {
-    if (n) n->count.fetch_add(1);
+    if (n && !pinned(n)) n->count.fetch_add(1);
 }
 
-// Lowers a non-zero count by one; returns the count left.
+// Lowers a non-zero count by one; returns the count left (a pinned node's
+// count stays as it is).
 uint32_t drop_count(util_refcnt_node_t *n) {
+    if (pinned(n)) return n->count.load();
     uint32_t c = n->count.load();
     while (c != 0 && !n->count.compare_exchange_weak(c, c - 1)) {
     }
@@ -149,6 +142,8 @@ bool refcnt_swing(util_refcnt_t *context, util_refcnt_node_t **link, uintptr_t e
 
 bool refcnt_retired(util_refcnt_node_t *node) noexcept { return node && node->retiring.load() == 1; }
 
+void refcnt_pin(util_refcnt_node_t *node, bool pin) noexcept { node->pinned.store(pin ? 1 : 0); }
+
 }  // namespace kerm
 
 extern "C" {
@@ -195,12 +190,13 @@ KERM_API util_refcnt_node_t *new_node(util_refcnt_t *context, void *object, void
     if (!context) return nullptr;
     auto *n = static_cast<util_refcnt_node_t *>(kerm::rqueue_read_budget(context->pool, 1));
     if (n) {
-        n->object.store(object);
+        // Published through a link's compare-and-swap later.
+        n->object.store(object, std::memory_order_relaxed);
         n->argument.store(callback_argument, std::memory_order_relaxed);
         // Count before the flag: a late release by a thread that raised the
         // old count must not find flag 0 and count 0 and retire the new node.
         n->count.fetch_add(1);
-        n->retiring.store(0);
+        n->retiring.store(0, std::memory_order_release);
         return n;
     }
     void *raw = calloc(1, sizeof(util_refcnt_node_t));
@@ -229,6 +225,7 @@ KERM_API util_refcnt_node_t *deref_link_internal(util_refcnt_t *context, util_re
         if ((w & 1) && skip_marked) return nullptr;
         util_refcnt_node_t *n = node_at(w);
         if (!n) return nullptr;
+        if (pinned(n)) return n;  // never retires: no count, no second look
         if (n->retiring.load() == 1 && n->count.load() == 0) {
             if (bits(word.load()) == w) return nullptr;
             continue;  // the link moved on while we looked
@@ -249,6 +246,7 @@ KERM_API util_refcnt_node_t *deref_link_d(util_refcnt_t *context, util_refcnt_no
 
 KERM_API util_refcnt_node_t *retain_ref(util_refcnt_t *, util_refcnt_node_t *node) noexcept {
     if (!node || (bits(node) & 1)) return nullptr;
+    if (pinned(node)) return node;
     if (node->retiring.load() == 1 && node->count.load() == 0) return nullptr;
     node->count.fetch_add(1);
     return node;
@@ -259,7 +257,7 @@ KERM_API util_refcnt_node_t *release_ref(util_refcnt_t *context, util_refcnt_nod
     node = node_at(bits(node));
     bool retired = false;
     // Others still hold it: only the release that leaves zero decides.
-    for (bool decide = drop_count(node) == 0; decide;) {
+    for (bool decide = !pinned(node) && drop_count(node) == 0; decide;) {
         uint8_t idle = 0;
         if (!node->retiring.compare_exchange_strong(idle, 1)) break;  // another release decides
         if (node->count.load() == 0) {

@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <new>
+#include <numeric>
 
 #include "containers/rqueue_internal.h"
 #include "kerm_rqueue.h"
@@ -40,21 +41,34 @@ Page *page_at(uintptr_t w) { return reinterpret_cast<Page *>(w & ~(kMark | kBit1
 
 }  // namespace
 
+// Fields sit on four cache lines by who writes and who reads them: a
+// writer's flag and a reader's flag are touched only by their own side, so
+// taking one does not steal the line the other side is reading; tail,
+// commit and writes (written by writers, read by readers to see what is
+// published) and head and reader (the other way round) each have their own.
 struct util_rqueue {
-    std::atomic<Page *> head{nullptr};    // oldest unread value
-    std::atomic<Page *> tail{nullptr};    // next page a writer claims
-    std::atomic<Page *> commit{nullptr};  // page last written and published
-    std::atomic<Page *> reader{nullptr};  // spare page outside the ring
     std::atomic<util_rqueue_free_value_callback_t> free_value{nullptr};
     uint32_t size = 0;   // recorded size, at least 3
     uint32_t pages = 0;  // ring pages: requested size + 1
     std::atomic<int32_t> mode{UTIL_RQUEUE_MODE_BLOCKING};
-    std::atomic<uint64_t> writes{0};
-    std::atomic<uint64_t> reads{0};
-    std::atomic<uint32_t> read_flag{0};
-    std::atomic<uint32_t> write_flag{0};
-    std::atomic<uint32_t> writers{0};
     Page *block = nullptr;  // ring pages, then the spare page
+
+    // Writers only; writers changes only under the write flag.
+    alignas(kerm::kCacheLine) std::atomic<uint32_t> write_flag{0};
+    std::atomic<uint32_t> writers{0};
+
+    // Written by writers (writes only under the write flag).
+    alignas(kerm::kCacheLine) std::atomic<Page *> tail{nullptr};  // next page a writer claims
+    std::atomic<Page *> commit{nullptr};                           // page last written and published
+    std::atomic<uint64_t> writes{0};
+
+    // Readers only (and an overwriting writer); reads changes only under the read flag.
+    alignas(kerm::kCacheLine) std::atomic<uint32_t> read_flag{0};
+    std::atomic<uint64_t> reads{0};
+
+    // Written by the reader.
+    alignas(kerm::kCacheLine) std::atomic<Page *> head{nullptr};  // oldest unread value
+    std::atomic<Page *> reader{nullptr};                           // spare page outside the ring
 };
 
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "64-bit counters must be lock-free atomics");
@@ -65,22 +79,38 @@ namespace {
 // do not pull its cache line away from the holder.
 bool try_flag(std::atomic<uint32_t> &flag) {
     uint32_t expected = 0;
-    return flag.load(std::memory_order_relaxed) == 0 && flag.compare_exchange_strong(expected, 1);
+    return flag.load(std::memory_order_relaxed) == 0 &&
+           flag.compare_exchange_strong(expected, 1, std::memory_order_acquire, std::memory_order_relaxed);
+}
+
+void drop_flag(std::atomic<uint32_t> &flag) { flag.store(0, std::memory_order_release); }
+
+// Between attempts: spin briefly, then yield, so that a flag holder that
+// lost its processor can run (two cores are often shared by more threads
+// than that). Waiting for a writer to fill an empty queue yields only now
+// and then: a read of an empty queue stays short, yet gives writers a turn.
+void wait_turn(unsigned attempt, bool flag_busy = true) {
+    if (attempt < kSpins || (!flag_busy && attempt % kSpins != 0)) kerm::cpu_relax();
+    else sched_yield();
+}
+
+// A counter only its flag holder changes: a plain atomic store (still one
+// 64-bit access on 32-bit targets) instead of a locked read-modify-write.
+template <class T>
+void bump(std::atomic<T> &counter, T by) {
+    counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_release);
 }
 
 // A writer holds the flag for a few dozen instructions: spin briefly, then
 // yield so that a holder that lost its processor can finish.
 void take_write_flag(util_rqueue *q) {
-    for (unsigned spins = 0; !try_flag(q->write_flag); ++spins) {
-        if (spins < kSpins) kerm::cpu_relax();
-        else sched_yield();
-    }
-    q->writers.fetch_add(1);
+    for (unsigned spins = 0; !try_flag(q->write_flag); ++spins) wait_turn(spins);
+    bump(q->writers, 1u);
 }
 
 void leave_write(util_rqueue *q) {
-    q->writers.fetch_sub(1);
-    q->write_flag.store(0);
+    bump(q->writers, ~0u);
+    drop_flag(q->write_flag);
 }
 
 // Lets readers run while the ring is full.
@@ -108,9 +138,9 @@ bool overwrite_oldest(util_rqueue *q, Page *t) {
     if (t->next.load() == (word(h) | kMark) && !(hn & kMark) && h->next.compare_exchange_strong(hn, hn | kMark)) {
         uintptr_t marked = word(h) | kMark;
         t->next.compare_exchange_strong(marked, word(h));
-        q->head.store(page_at(hn));
+        q->head.store(page_at(hn), std::memory_order_release);
     }
-    q->read_flag.store(0);
+    drop_flag(q->read_flag);
     return true;
 }
 
@@ -135,13 +165,18 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
                 leave_write(q);
                 return -2;
             }
-            q->tail.compare_exchange_strong(t, n);
+            q->tail.store(n, std::memory_order_release);
             pause_write(q);
             ++attempts;
             continue;
         }
         if (!(tn & kMark) && (n != h || is_empty(q))) {
-            if (!(t->next.load() & kMark)) moved = q->tail.compare_exchange_strong(t, n);
+            // Only the write flag's holder moves the tail, so a plain store
+            // does what a compare-and-swap from T would.
+            if (!(t->next.load() & kMark)) {
+                q->tail.store(n, std::memory_order_release);
+                moved = true;
+            }
         } else if (!blocking && c->next.load() == word(t)) {
             if (!overwrite_oldest(q, t)) sched_yield();
             continue;
@@ -158,8 +193,9 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
             uintptr_t old = t->value.exchange(reinterpret_cast<uintptr_t>(value));
             util_rqueue_free_value_callback_t cb = q->free_value.load(std::memory_order_relaxed);
             if (old && cb) cb(reinterpret_cast<void *>(old), value);
-            q->writes.fetch_add(1);
-            if (q->writers.load() == 1) q->commit.store(t);
+            bump(q->writes, uint64_t{1});
+            // Publishes the value to the reader.
+            if (q->writers.load(std::memory_order_relaxed) == 1) q->commit.store(t, std::memory_order_release);
             leave_write(q);
             return 0;
         }
@@ -172,44 +208,47 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
 
 void *read_value(util_rqueue *q, uint32_t budget) {
     if (!q) return nullptr;
+    bool busy = false;
     for (uint32_t attempts = 0; attempts < budget; ++attempts) {
-        if (!try_flag(q->read_flag)) continue;
+        if (attempts) wait_turn(attempts - 1, busy);
+        // Emptiness is checked again under the flag; looking first keeps
+        // readers of an empty queue off the flag's cache line.
+        busy = false;
+        if (is_empty(q)) continue;
+        busy = !try_flag(q->read_flag);
+        if (busy) continue;
         Page *h = q->head.load(), *c = q->commit.load(), *r = q->reader.load();
         uintptr_t hn = h->next.load(), rn = r->next.load();
         Page *hp = page_at(h->prev.load());
         if (r == c || is_empty(q) || !hp) {
-            q->read_flag.store(0);
+            drop_flag(q->read_flag);
             continue;
         }
-        uintptr_t expected = rn;
-        if (!r->next.compare_exchange_strong(expected, (hn & ~kBit1) | kMark)) {
-            fputs("reader->next swap failed\n", stderr);
-            q->read_flag.store(0);
-            continue;
-        }
-        r->prev.store(word(hp));
+        // The spare page and the head pointer change only under the read
+        // flag: plain stores do what compare-and-swaps from the values just
+        // loaded would (the swap of hp's next below publishes them).
+        r->next.store((hn & ~kBit1) | kMark, std::memory_order_relaxed);
+        r->prev.store(word(hp), std::memory_order_release);
         uintptr_t marked_h = word(h) | kMark;
         if (!hp->next.compare_exchange_strong(marked_h, word(r))) {
             fputs("head swap failed\n", stderr);
-            uintptr_t cur = r->next.load();
-            while (!r->next.compare_exchange_weak(cur, rn)) {
-            }
+            r->next.store(rn, std::memory_order_relaxed);
             sched_yield();
-            q->read_flag.store(0);
+            drop_flag(q->read_flag);
             continue;
         }
         Page *n = page_at(hn);
-        q->head.compare_exchange_strong(h, n);
-        n->prev.store(word(r));
-        q->reader.store(h);
+        q->head.store(n, std::memory_order_release);
+        n->prev.store(word(r), std::memory_order_release);
+        q->reader.store(h, std::memory_order_release);
         uintptr_t v = h->value.load();
         if (v == 0) {
-            q->read_flag.store(0);
+            drop_flag(q->read_flag);
             continue;
         }
         h->value.compare_exchange_strong(v, 0);
-        q->reads.fetch_add(1);
-        q->read_flag.store(0);
+        bump(q->reads, uint64_t{1});
+        drop_flag(q->read_flag);
         return reinterpret_cast<void *>(v);
     }
     return nullptr;
@@ -246,16 +285,31 @@ KERM_API util_rqueue_t *util_rqueue_create(uint32_t size, int32_t mode) noexcept
         delete q;
         return nullptr;
     }
-    Page *p = q->block;
-    for (size_t i = 0; i < pages; ++i) {
-        p[i].prev.store(word(&p[i ? i - 1 : pages - 1]));
-        p[i].next.store(i + 1 < pages ? word(&p[i + 1]) : (word(&p[0]) | kMark));
+    // The reader works on the head page and its neighbours while a writer
+    // fills the page behind them: neighbours in the ring are laid out a
+    // cache line apart, so the two sides do not share a line through them.
+    // Reads shift pages by one place per lap, which keeps that property.
+    size_t stride = (kerm::kCacheLine + sizeof(Page) - 1) / sizeof(Page);
+    while (std::gcd(stride, pages) != 1) ++stride;
+    stride %= pages;
+    Page *first = &q->block[0], *last = nullptr;
+    for (size_t i = 0, slot = 0; i < pages; ++i) {
+        Page *p = &q->block[slot];
+        if (last) {
+            p->prev.store(word(last), std::memory_order_relaxed);
+            last->next.store(word(p), std::memory_order_relaxed);
+        }
+        last = p;
+        slot += stride;
+        if (slot >= pages) slot -= pages;
     }
-    Page *spare = &p[pages];
-    spare->next.store(word(&p[0]));
-    q->head.store(&p[0]);
-    q->tail.store(&p[0]);
-    q->commit.store(&p[0]);
+    last->next.store(word(first) | kMark, std::memory_order_relaxed);
+    first->prev.store(word(last), std::memory_order_relaxed);
+    Page *spare = &q->block[pages];
+    spare->next.store(word(first));
+    q->head.store(first);
+    q->tail.store(first);
+    q->commit.store(first);
     q->reader.store(spare);
     q->size = size < kMinSize ? kMinSize : size;
     q->pages = static_cast<uint32_t>(pages);
