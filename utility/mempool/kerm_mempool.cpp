@@ -33,16 +33,18 @@ uintptr_t request_size(size_t size) noexcept {
     return size < kMinBlock ? kMinBlock : (static_cast<uintptr_t>(size) + kAlign - 1) & ~(kAlign - 1);
 }
 
-// The hot paths below are inlined into each entry point, and use what they
-// already know instead of asking memory again: a block taken from a list head
-// has that list's class, and a block whose predecessor is free already carries
-// the previous-free bit. Links of a block leaving the lists are not cleared:
-// its buffer becomes the caller's or part of a neighbour's.
+// The hot paths below are inlined into each entry point and work from what
+// they have already read: a block's size word is read once and its class
+// computed from that, a block taken from a list head has that list's class,
+// and the successor of a block that was free already has its previous-free
+// bit. Links of a block leaving the lists are not cleared: its buffer becomes
+// the caller's or part of a neighbour's.
 #define KERM_HOT inline __attribute__((always_inline))
 
-KERM_HOT void insert_free(Control *c, Block *b) noexcept {
+// Puts free block b of `bytes` bytes at the head of its list.
+KERM_HOT void insert_free(Control *c, Block *b, uintptr_t bytes) noexcept {
     int fl, sl;
-    mapping_insert(b->bytes(), &fl, &sl);
+    mapping_insert(bytes, &fl, &sl);
     Block *head = c->lists[fl][sl];
     FreeLinks *l = b->links();
     l->prev = nullptr;
@@ -59,7 +61,8 @@ KERM_HOT void list_emptied(Control *c, int fl, int sl) noexcept {
     if (c->sl_bitmap[fl] == 0) c->fl_bitmap &= ~(1u << fl);
 }
 
-KERM_HOT void unlink_free(Control *c, Block *b) noexcept {
+// Takes free block b of `bytes` bytes off its list.
+KERM_HOT void unlink_free(Control *c, Block *b, uintptr_t bytes) noexcept {
     const FreeLinks l = *b->links();
     if (l.next != nullptr) l.next->links()->prev = l.prev;
     if (l.prev != nullptr) {
@@ -67,22 +70,23 @@ KERM_HOT void unlink_free(Control *c, Block *b) noexcept {
         return;
     }
     int fl, sl;
-    mapping_insert(b->bytes(), &fl, &sl);
+    mapping_insert(bytes, &fl, &sl);
     c->lists[fl][sl] = l.next;
     if (l.next == nullptr) list_emptied(c, fl, sl);
 }
 
-// Splits the tail beyond r bytes off used block b when it can hold a block.
-// `after`, b's successor, already knows a free predecessor unless b was used.
-KERM_HOT void split_tail(Control *c, Block *b, uintptr_t r, bool after_knows_free) noexcept {
-    const uintptr_t bytes = b->bytes();
+// Used block b, whose size word is `word`, keeps r bytes and hands the rest
+// to a new free block when that can hold one. Its successor already knows a
+// free predecessor when b was free before.
+KERM_HOT void split_tail(Control *c, Block *b, uintptr_t word, uintptr_t r, bool after_knows_free) noexcept {
+    const uintptr_t bytes = word & kSizeMask;
     const uintptr_t spare = bytes - r;
     if (spare < kSplitMin) return;
     auto *rest = reinterpret_cast<Block *>(b->buffer() + r);
     auto *after = reinterpret_cast<Block *>(b->buffer() + bytes);
     rest->size = (spare - kHdr) | kFreeBit;
-    b->size = r | (b->size & kPrevFreeBit);
-    insert_free(c, rest);
+    b->size = r | (word & kPrevFreeBit);
+    insert_free(c, rest, spare - kHdr);
     after->prev_hdr = rest;
     if (!after_knows_free) after->size |= kPrevFreeBit;
 }
@@ -90,8 +94,9 @@ KERM_HOT void split_tail(Control *c, Block *b, uintptr_t r, bool after_knows_fre
 // Used block b takes in its free successor.
 KERM_HOT void absorb_next(Control *c, Block *b) noexcept {
     Block *next = b->next();
-    unlink_free(c, next);
-    b->size += next->bytes() + kHdr;
+    const uintptr_t add = next->bytes();
+    unlink_free(c, next, add);
+    b->size += add + kHdr;
     b->next()->size &= ~kPrevFreeBit;
 }
 
@@ -116,33 +121,41 @@ KERM_HOT void *pool_malloc(Control *c, size_t size) noexcept {
     c->lists[fl][sl] = next;
     if (next != nullptr) next->links()->prev = nullptr;
     else list_emptied(c, fl, sl);
-    b->size &= ~kFreeBit;
-    if (b->bytes() - r >= kSplitMin) split_tail(c, b, r, true);
-    else b->next()->size &= ~kPrevFreeBit;
+    const uintptr_t word = b->size & ~kFreeBit;
+    if ((word & kSizeMask) - r >= kSplitMin) {
+        split_tail(c, b, word, r, true);
+    } else {
+        b->size = word;
+        b->next()->size &= ~kPrevFreeBit;
+    }
     return b->buffer();
 }
 
 // Returns the block that went onto a list (ptr's, or a neighbour that took it in).
 KERM_HOT Block *pool_free(Control *c, void *ptr) noexcept {
     Block *b = Block::of(ptr);
-    uintptr_t size = b->size | kFreeBit;
+    uintptr_t word = b->size | kFreeBit;
     Block *next = b->next();
-    const bool next_free = next->is_free();
+    const uintptr_t next_word = next->size;
+    const bool next_free = (next_word & kFreeBit) != 0;
     if (next_free) {
-        unlink_free(c, next);
-        size += next->bytes() + kHdr;
+        unlink_free(c, next, next_word & kSizeMask);
+        word += (next_word & kSizeMask) + kHdr;
     }
-    b->size = size;
-    if (size & kPrevFreeBit) {
+    b->size = word;
+    uintptr_t bytes = word & kSizeMask;
+    if (word & kPrevFreeBit) {
         Block *prev = b->prev_hdr;
-        unlink_free(c, prev);
-        prev->size += (size & kSizeMask) + kHdr;
+        const uintptr_t prev_word = prev->size;
+        unlink_free(c, prev, prev_word & kSizeMask);
+        bytes += (prev_word & kSizeMask) + kHdr;
+        prev->size = prev_word + (word & kSizeMask) + kHdr;
         b = prev;
     }
-    insert_free(c, b);
+    insert_free(c, b, bytes);
     // A block that followed the free successor already has the bit.
-    next = b->next();
-    if (!next_free) next->size |= kPrevFreeBit;
+    next = reinterpret_cast<Block *>(b->buffer() + bytes);
+    if (!next_free) next->size = next_word | kPrevFreeBit;
     next->prev_hdr = b;
     return b;
 }
@@ -161,7 +174,7 @@ void *pool_realloc(Control *c, void *ptr, size_t size) noexcept {
     // The successor's header becomes usable space too when it is taken in.
     if (r <= cur || (next->is_free() && cur + next->bytes() + kHdr >= r)) {
         if (next->is_free()) absorb_next(c, b);
-        split_tail(c, b, r, false);
+        split_tail(c, b, b->size, r, false);
         return ptr;
     }
     void *moved = pool_malloc(c, r);
