@@ -1,6 +1,7 @@
 # Peers of the memory pool: jemalloc through its explicit API on an arena of
 # its own, mimalloc through a heap of its own. Both replace malloc in this
-# program, so glibc is measured through its __libc_* entry points.
+# program (mimalloc __libc_malloc too), so the bench takes glibc's entry
+# points from libc.so.6 itself.
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(JEMALLOC REQUIRED IMPORTED_TARGET jemalloc)
 find_package(mimalloc REQUIRED)

@@ -78,6 +78,24 @@ TEST(MempoolFigures, SizeClassesAndBitHelpers) {
     EXPECT_EQ(msb(0), -1);
     EXPECT_EQ(lsb(0), -1);
 
+    // The allocation paths scan with msb_nz/lsb_nz. The table's msb depends
+    // only on which byte is the highest non-zero one and on that byte's value,
+    // its lsb only on the lowest set bit: every word below 2^16, and above
+    // that every (byte position, byte value) and every lowest bit under three
+    // fillings of the other bits, cover every distinct answer.
+    uint32_t first_bad = 0, bad = 0;
+    auto same = [&](uint32_t x) {
+        if (msb_nz(x) != msb(x) || lsb_nz(x) != lsb(x)) bad++, first_bad = first_bad ? first_bad : x;
+    };
+    const uint32_t fills[] = {0u, ~0u, 0x5A5A5A5Au};
+    for (uint32_t x = 1; x < 0x10000; ++x) same(x);
+    for (int shift = 16; shift <= 24; shift += 8)
+        for (uint32_t top = 1; top < 256; ++top)
+            for (uint32_t fill : fills) same((top << shift) | (fill & ((1u << shift) - 1)));
+    for (int bit = 0; bit < 32; ++bit)
+        for (uint32_t fill : fills) same((1u << bit) | (bit < 31 ? fill & (~0u << (bit + 1)) : 0));
+    EXPECT_EQ(bad, 0u) << "first disagreement at 0x" << std::hex << first_bad;
+
     // Every aligned size lands in a class whose range holds it, and the search
     // class's smallest member is never smaller than the request.
     auto class_low = [](int f, int s) -> uintptr_t {

@@ -7,6 +7,9 @@
 // would do the same, but its shared waiter table is a symbol the library
 // would have to export.) Ordering comes from the acquire/release operations
 // on the word, which is what the thread sanitizer follows.
+// Uncontended, lock is one compare-and-swap and unlock one exchange: the
+// unlock has to see the value it replaces to learn of a sleeper, and a plain
+// store could miss one that announced itself a moment before.
 // Meets BasicLockable, so std::lock_guard<kerm::WordLock> guards it.
 #ifndef KERM_WORDLOCK_H
 #define KERM_WORDLOCK_H

@@ -33,102 +33,129 @@ uintptr_t request_size(size_t size) noexcept {
     return size < kMinBlock ? kMinBlock : (static_cast<uintptr_t>(size) + kAlign - 1) & ~(kAlign - 1);
 }
 
-void insert_free(Control *c, Block *b) noexcept {
+// The hot paths below are inlined into each entry point and work from what
+// they have already read: a block's size word is read once and its class
+// computed from that, a block taken from a list head has that list's class,
+// and the successor of a block that was free already has its previous-free
+// bit. Links of a block leaving the lists are not cleared: its buffer becomes
+// the caller's or part of a neighbour's.
+#define KERM_HOT inline __attribute__((always_inline))
+
+// Puts free block b of `bytes` bytes at the head of its list.
+KERM_HOT void insert_free(Control *c, Block *b, uintptr_t bytes) noexcept {
     int fl, sl;
-    mapping_insert(b->bytes(), &fl, &sl);
+    mapping_insert(bytes, &fl, &sl);
+    Block *head = c->lists[fl][sl];
     FreeLinks *l = b->links();
     l->prev = nullptr;
-    l->next = c->lists[fl][sl];
-    if (l->next != nullptr) l->next->links()->prev = b;
+    l->next = head;
+    if (head != nullptr) head->links()->prev = b;
     c->lists[fl][sl] = b;
     c->sl_bitmap[fl] |= 1u << sl;
     c->fl_bitmap |= 1u << fl;
 }
 
-void unlink_free(Control *c, Block *b) noexcept {
+// List [fl][sl] lost its last block.
+KERM_HOT void list_emptied(Control *c, int fl, int sl) noexcept {
+    c->sl_bitmap[fl] &= ~(1u << sl);
+    if (c->sl_bitmap[fl] == 0) c->fl_bitmap &= ~(1u << fl);
+}
+
+// Takes free block b of `bytes` bytes off its list.
+KERM_HOT void unlink_free(Control *c, Block *b, uintptr_t bytes) noexcept {
+    const FreeLinks l = *b->links();
+    if (l.next != nullptr) l.next->links()->prev = l.prev;
+    if (l.prev != nullptr) {
+        l.prev->links()->next = l.next;
+        return;
+    }
     int fl, sl;
-    mapping_insert(b->bytes(), &fl, &sl);
-    FreeLinks *l = b->links();
-    if (l->next != nullptr) l->next->links()->prev = l->prev;
-    if (l->prev != nullptr) {
-        l->prev->links()->next = l->next;
-    } else {
-        c->lists[fl][sl] = l->next;
-        if (l->next == nullptr) {
-            c->sl_bitmap[fl] &= ~(1u << sl);
-            if (c->sl_bitmap[fl] == 0) c->fl_bitmap &= ~(1u << fl);
-        }
-    }
-    l->prev = l->next = nullptr;
+    mapping_insert(bytes, &fl, &sl);
+    c->lists[fl][sl] = l.next;
+    if (l.next == nullptr) list_emptied(c, fl, sl);
 }
 
-// Head of the lowest non-empty list at class (fl, sl) or above.
-Block *find_suitable(Control *c, int fl, int sl) noexcept {
-    uint32_t bits = c->sl_bitmap[fl] & (~0u << sl);
-    if (bits == 0) {
-        const uint32_t levels = c->fl_bitmap & (~0u << (fl + 1));
-        fl = lsb(levels);
-        if (fl <= 0) return nullptr;
-        bits = c->sl_bitmap[fl];
-    }
-    return c->lists[fl][lsb(bits)];
-}
-
-// Splits the tail beyond r bytes off used block b when it can hold a block.
-void split_tail(Control *c, Block *b, uintptr_t r) noexcept {
-    const uintptr_t spare = b->bytes() - r;
+// Used block b, whose size word is `word`, keeps r bytes and hands the rest
+// to a new free block when that can hold one. Its successor already knows a
+// free predecessor when b was free before.
+KERM_HOT void split_tail(Control *c, Block *b, uintptr_t word, uintptr_t r, bool after_knows_free) noexcept {
+    const uintptr_t bytes = word & kSizeMask;
+    const uintptr_t spare = bytes - r;
     if (spare < kSplitMin) return;
     auto *rest = reinterpret_cast<Block *>(b->buffer() + r);
+    auto *after = reinterpret_cast<Block *>(b->buffer() + bytes);
     rest->size = (spare - kHdr) | kFreeBit;
-    b->size = r | (b->size & kPrevFreeBit);
-    insert_free(c, rest);
-    Block *after = rest->next();
+    b->size = r | (word & kPrevFreeBit);
+    insert_free(c, rest, spare - kHdr);
     after->prev_hdr = rest;
-    after->size |= kPrevFreeBit;
+    if (!after_knows_free) after->size |= kPrevFreeBit;
 }
 
 // Used block b takes in its free successor.
-void absorb_next(Control *c, Block *b) noexcept {
+KERM_HOT void absorb_next(Control *c, Block *b) noexcept {
     Block *next = b->next();
-    unlink_free(c, next);
-    b->size += next->bytes() + kHdr;
+    const uintptr_t add = next->bytes();
+    unlink_free(c, next, add);
+    b->size += add + kHdr;
     b->next()->size &= ~kPrevFreeBit;
 }
 
-void *pool_malloc(Control *c, size_t size) noexcept {
-    if (size > kMaxBlock) return nullptr;
+KERM_HOT void *pool_malloc(Control *c, size_t size) noexcept {
+    if (__builtin_expect(size > kMaxBlock, 0)) return nullptr;
     uintptr_t r = request_size(size);
     int fl, sl;
     mapping_search(&r, &fl, &sl);
-    if (fl >= kFlCount) return nullptr;
-    Block *b = find_suitable(c, fl, sl);
-    if (b == nullptr) return nullptr;
-    unlink_free(c, b);
-    b->size &= ~kFreeBit;
-    if (b->bytes() - r >= kSplitMin) split_tail(c, b, r);
-    else b->next()->size &= ~kPrevFreeBit;
+    if (__builtin_expect(fl >= kFlCount, 0)) return nullptr;
+    // The lowest non-empty list at (fl, sl) or above: first within level fl,
+    // then the lowest non-empty level above it.
+    uint32_t bits = c->sl_bitmap[fl] & (~0u << sl);
+    if (bits == 0) {
+        const uint32_t levels = c->fl_bitmap & (~0u << (fl + 1));
+        if (levels == 0) return nullptr;
+        fl = lsb_nz(levels);
+        bits = c->sl_bitmap[fl];
+    }
+    sl = lsb_nz(bits);
+    Block *b = c->lists[fl][sl];
+    Block *next = b->links()->next;
+    c->lists[fl][sl] = next;
+    if (next != nullptr) next->links()->prev = nullptr;
+    else list_emptied(c, fl, sl);
+    const uintptr_t word = b->size & ~kFreeBit;
+    if ((word & kSizeMask) - r >= kSplitMin) {
+        split_tail(c, b, word, r, true);
+    } else {
+        b->size = word;
+        b->next()->size &= ~kPrevFreeBit;
+    }
     return b->buffer();
 }
 
 // Returns the block that went onto a list (ptr's, or a neighbour that took it in).
-Block *pool_free(Control *c, void *ptr) noexcept {
+KERM_HOT Block *pool_free(Control *c, void *ptr) noexcept {
     Block *b = Block::of(ptr);
-    b->size |= kFreeBit;
-    b->links()->prev = b->links()->next = nullptr;
+    uintptr_t word = b->size | kFreeBit;
     Block *next = b->next();
-    if (next->is_free()) {
-        unlink_free(c, next);
-        b->size += next->bytes() + kHdr;
+    const uintptr_t next_word = next->size;
+    const bool next_free = (next_word & kFreeBit) != 0;
+    if (next_free) {
+        unlink_free(c, next, next_word & kSizeMask);
+        word += (next_word & kSizeMask) + kHdr;
     }
-    if (b->prev_free()) {
+    b->size = word;
+    uintptr_t bytes = word & kSizeMask;
+    if (word & kPrevFreeBit) {
         Block *prev = b->prev_hdr;
-        unlink_free(c, prev);
-        prev->size += b->bytes() + kHdr;
+        const uintptr_t prev_word = prev->size;
+        unlink_free(c, prev, prev_word & kSizeMask);
+        bytes += (prev_word & kSizeMask) + kHdr;
+        prev->size = prev_word + (word & kSizeMask) + kHdr;
         b = prev;
     }
-    insert_free(c, b);
-    next = b->next();
-    next->size |= kPrevFreeBit;
+    insert_free(c, b, bytes);
+    // A block that followed the free successor already has the bit.
+    next = reinterpret_cast<Block *>(b->buffer() + bytes);
+    if (!next_free) next->size = next_word | kPrevFreeBit;
     next->prev_hdr = b;
     return b;
 }
@@ -147,7 +174,7 @@ void *pool_realloc(Control *c, void *ptr, size_t size) noexcept {
     // The successor's header becomes usable space too when it is taken in.
     if (r <= cur || (next->is_free() && cur + next->bytes() + kHdr >= r)) {
         if (next->is_free()) absorb_next(c, b);
-        split_tail(c, b, r);
+        split_tail(c, b, b->size, r, false);
         return ptr;
     }
     void *moved = pool_malloc(c, r);
@@ -208,25 +235,6 @@ int msb(uint32_t x) noexcept {
 }
 
 int lsb(uint32_t x) noexcept { return msb(x & (0u - x)); }
-
-void mapping_insert(uintptr_t r, int *fl, int *sl) noexcept {
-    if (r < kSmallBlock) {
-        *fl = 0;
-        *sl = static_cast<int>(r / (kSmallBlock / kSlCount));
-        return;
-    }
-    const int f = msb(static_cast<uint32_t>(r));
-    *sl = static_cast<int>(r >> (f - kSlLog2)) - kSlCount;
-    *fl = f - kFlOffset;
-}
-
-void mapping_search(uintptr_t *r, int *fl, int *sl) noexcept {
-    if (*r >= kSmallBlock) {
-        const uintptr_t step = (uintptr_t{1} << (msb(static_cast<uint32_t>(*r)) - kSlLog2)) - 1;
-        *r = (*r + step) & ~step;
-    }
-    mapping_insert(*r, fl, sl);
-}
 
 }  // namespace kerm::mempool
 

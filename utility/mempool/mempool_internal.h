@@ -67,12 +67,36 @@ static_assert(sizeof(Control::lock) == 4, "the platform mutex is one 32-bit word
 static_assert((sizeof(Control) + kAlign - 1) / kAlign * kAlign == kReserved);
 static_assert(sizeof(void *) != 4 || (kReserved == 3184 && KERM_MEMPOOL_MIN_REGION == 3248));
 
+// Bit scans by a 256-entry table of floor(log2) over the highest non-zero
+// byte; -1 for 0.
 int msb(uint32_t x) noexcept;
 int lsb(uint32_t x) noexcept;
+// The same answers for x != 0 in one or two instructions (count leading or
+// trailing zeros): what the allocation paths use, as they never scan 0. The
+// tests hold them to the table helpers.
+inline int msb_nz(uint32_t x) noexcept { return 31 - __builtin_clz(x); }
+inline int lsb_nz(uint32_t x) noexcept { return __builtin_ctz(x); }
+
 // Class of a free block of r bytes.
-void mapping_insert(uintptr_t r, int *fl, int *sl) noexcept;
+inline void mapping_insert(uintptr_t r, int *fl, int *sl) noexcept {
+    if (r < kSmallBlock) {
+        *fl = 0;
+        *sl = static_cast<int>(r / (kSmallBlock / kSlCount));
+        return;
+    }
+    const int f = msb_nz(static_cast<uint32_t>(r));
+    *sl = static_cast<int>(r >> (f - kSlLog2)) - kSlCount;
+    *fl = f - kFlOffset;
+}
+
 // Rounds *r up to its class step so that every block of the class found fits.
-void mapping_search(uintptr_t *r, int *fl, int *sl) noexcept;
+inline void mapping_search(uintptr_t *r, int *fl, int *sl) noexcept {
+    if (*r >= kSmallBlock) {
+        const uintptr_t step = (uintptr_t{1} << (msb_nz(static_cast<uint32_t>(*r)) - kSlLog2)) - 1;
+        *r = (*r + step) & ~step;
+    }
+    mapping_insert(*r, fl, sl);
+}
 
 struct PoolStats {
     size_t regions = 0;
