@@ -7,7 +7,7 @@
 // Large tables are built once per key length and kept: each iteration works
 // on a slice of kOpsPerIteration keys spread over the table (set puts the
 // slice back after an untimed removal, delete removes it and the table is
-// refilled untimed), and gets probe the same slice.
+// refilled untimed), and gets probe the same slice, in a random order.
 // Only the threads' work is timed (manual time); every variant does the same
 // number of operations, so times compare directly.
 // Then the tagged list's walk by increasing position beside std::list with
@@ -18,6 +18,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -25,6 +26,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <random>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -143,6 +145,20 @@ Table &large_table(size_t klen, size_t n) {
     return *table;
 }
 
+// The keys a large-table iteration works on: every (n / kOpsPerIteration)-th
+// one, in a fixed random order. Walking them in insertion order would favour
+// tables whose memory follows the insertion order (each next key's node a
+// few hundred bytes further on) over ones whose buckets do not.
+const std::vector<size_t> &slice_order(size_t n) {
+    static std::map<size_t, std::vector<size_t>> cache;
+    auto &v = cache[n];
+    if (v.empty()) {
+        for (size_t i = 0; i < kOpsPerIteration; ++i) v.push_back(i * (n / kOpsPerIteration));
+        std::shuffle(v.begin(), v.end(), std::mt19937(12345));
+    }
+    return v;
+}
+
 template <typename Table>
 void BM_ht(benchmark::State &state, Op op, size_t klen, size_t n, int threads) {
     const auto &hit = keys(klen, n, false);
@@ -151,8 +167,8 @@ void BM_ht(benchmark::State &state, Op op, size_t klen, size_t n, int threads) {
     void *value = &g_value;
     if (n >= kOpsPerIteration) {
         Table &t = large_table<Table>(klen, n);
-        const size_t stride = n / kOpsPerIteration;
-        auto slice = [&](size_t i) -> const std::string & { return probe[i * stride]; };
+        const std::vector<size_t> &order = slice_order(n);
+        auto slice = [&](size_t i) -> const std::string & { return probe[order[i]]; };
         for (auto _ : state) {
             if (op == kSet)
                 for (size_t i = 0; i < kOpsPerIteration; ++i) t.del(slice(i));

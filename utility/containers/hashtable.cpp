@@ -19,18 +19,25 @@
 
 namespace {
 
-// Short-key items come from the table's pools; an item with a longer key is
-// one malloc'ed block holding the key behind the record.
+// Short-key items come from the table's pools, one cache line each on 64-bit
+// hosts (what a lookup reads: hash, length, key bytes, value, next); an item
+// with a longer key is one malloc'ed block holding the key behind the record.
+// The chain is singly linked: a bucket holds about one item, and removal
+// follows a lookup that has just walked the same few items.
 struct Item {
     uint32_t hash;  // kept so that growth never hashes a key again
     uint32_t klen;
     uint32_t vlen;
     uint8_t inline_key[UTIL_HT_KEY_INLINE];
-    uint8_t *key;
     void *value;
     Item *next;  // also the link of a free list
-    Item **prev_next;
 };
+
+constexpr size_t kItemAlign = 64;
+
+uint8_t *key_of(Item *it) {
+    return it->klen <= UTIL_HT_KEY_INLINE ? it->inline_key : reinterpret_cast<uint8_t *>(it + 1);
+}
 
 // A block of pooled items, freed when the table goes.
 struct Chunk {
@@ -39,11 +46,12 @@ struct Chunk {
 
 }  // namespace
 
+// What a lookup reads comes first.
 struct util_ht_bucket_s {
+    pthread_mutex_t lock;
     Item *first;
     Item **last_next;
     Item *spare;  // removed short-key items, reused by the next insertion here
-    pthread_mutex_t lock;
     uint32_t index;
     util_ht_bucket_t *next;  // live-bucket chain
 };
@@ -181,12 +189,12 @@ Item *pool_take(util_ht_shard_t *s) {
     }
     if (s->carve == s->carve_end) {
         uint32_t n = s->chunk_items == 0 ? kFirstChunk : s->chunk_items;
-        // Items follow the header at pointer alignment, which is theirs.
-        auto *c = static_cast<Chunk *>(malloc(sizeof(Chunk) + size_t(n) * sizeof(Item)));
+        auto *c = static_cast<Chunk *>(malloc(sizeof(Chunk) + kItemAlign - 1 + size_t(n) * sizeof(Item)));
         if (c == nullptr) return nullptr;
         c->next = s->chunks;
         s->chunks = c;
-        s->carve = reinterpret_cast<Item *>(c + 1);
+        auto first = (reinterpret_cast<uintptr_t>(c + 1) + kItemAlign - 1) & ~uintptr_t(kItemAlign - 1);
+        s->carve = reinterpret_cast<Item *>(first);
         s->carve_end = s->carve + n;
         s->chunk_items = n < kLastChunk ? n * 2 : n;
     }
@@ -211,15 +219,12 @@ Item *item_new(util_ht_t *t, util_ht_bucket_t *b, uint32_t klen) {
     Item *it;
     if (klen > UTIL_HT_KEY_INLINE) {
         it = static_cast<Item *>(malloc(sizeof(Item) + klen));
-        if (it == nullptr) return nullptr;
-        it->key = reinterpret_cast<uint8_t *>(it + 1);
-        return it;
-    }
-    if ((it = b->spare) != nullptr)
+    } else if ((it = b->spare) != nullptr) {
         b->spare = it->next;
-    else if ((it = pool_take(my_shard(t))) == nullptr)
-        return nullptr;
-    it->key = it->inline_key;
+    } else {
+        it = pool_take(my_shard(t));
+    }
+    if (it != nullptr) it->klen = klen;  // places the key
     return it;
 }
 
@@ -247,19 +252,21 @@ void free_bucket(util_ht_t *t, util_ht_bucket_t *b) {
     free(b);
 }
 
+// Chain links are stored atomically because locate() reads a bucket's first
+// item before locking it, only to start fetching that item early.
+void set_link(Item **link, Item *it) { __atomic_store_n(link, it, __ATOMIC_RELAXED); }
+
 void append_item(util_ht_bucket_t *b, Item *it) {
     it->next = nullptr;
-    it->prev_next = b->last_next;
-    *b->last_next = it;
+    set_link(b->last_next, it);
     b->last_next = &it->next;
 }
 
 void unlink_item(util_ht_bucket_t *b, Item *it) {
-    *it->prev_next = it->next;
-    if (it->next != nullptr)
-        it->next->prev_next = it->prev_next;
-    else
-        b->last_next = it->prev_next;
+    Item **link = &b->first;
+    while (*link != it) link = &(*link)->next;
+    set_link(link, it->next);
+    if (it->next == nullptr) b->last_next = link;
 }
 
 // Unlinks, frees and uncounts an item; its value is the caller's business.
@@ -272,7 +279,10 @@ void remove_item(util_ht_t *t, util_ht_bucket_t *b, Item *it) {
 Item *find_item(util_ht_bucket_t *b, uint32_t hash, const void *key, uint32_t klen) {
     const auto *k = static_cast<const uint8_t *>(key);
     for (Item *it = b->first; it != nullptr; it = it->next)
-        if (it->hash == hash && it->klen == klen && it->key[0] == k[0] && memcmp(it->key, k, klen) == 0) return it;
+        if (it->hash == hash && it->klen == klen) {
+            const uint8_t *ik = key_of(it);
+            if (ik[0] == k[0] && memcmp(ik, k, klen) == 0) return it;
+        }
     return nullptr;
 }
 
@@ -296,9 +306,17 @@ void release_value(util_ht_t *t, void *value) {
 
 // The bucket for hash, locked, or null when its slot is empty.
 util_ht_bucket_t *locate(util_ht_t *t, uint32_t hash) {
+    // Starts fetching the slot before entering, whose atomic would otherwise
+    // hold the load back; a stale guess (growth under way) costs nothing.
+    util_ht_bucket_t **guess = __atomic_load_n(&t->slots, __ATOMIC_RELAXED);
+    __builtin_prefetch(guess + slot_of(hash, __atomic_load_n(&t->size, __ATOMIC_RELAXED)));
     util_ht_shard_t *s = enter_locating(t);
     util_ht_bucket_t *b = t->slots[slot_of(hash, t->size)];
-    if (b != nullptr) kerm::lock_or_abort(&b->lock);
+    if (b != nullptr) {
+        // The item is fetched while the lock is taken; a stale guess is harmless.
+        __builtin_prefetch(__atomic_load_n(&b->first, __ATOMIC_RELAXED));
+        kerm::lock_or_abort(&b->lock);
+    }
     leave_locating(s);
     return b;
 }
@@ -396,7 +414,7 @@ void grow(util_ht_t *t) {
     for (util_ht_bucket_t *b = t->live_first; b != nullptr;) {
         util_ht_bucket_t *next_old = b->next;
         Item *it = b->first;
-        b->first = nullptr;
+        set_link(&b->first, nullptr);
         b->last_next = &b->first;
         b->next = spare;
         spare = b;
@@ -428,7 +446,7 @@ void grow(util_ht_t *t) {
         t->live_first = first;
         t->live_tail = first == nullptr ? &t->live_first : tail;
     }
-    t->slots = slots;
+    __atomic_store_n(&t->slots, slots, __ATOMIC_RELAXED);  // read early by locate()
     __atomic_store_n(&t->size, new_size, __ATOMIC_RELAXED);
     free(old);
 }
@@ -509,8 +527,7 @@ int set_item(util_ht_t *t, const void *key, uint32_t klen, void *value, uint32_t
             rc = -1;
         } else {
             ni->hash = hash;
-            ni->klen = klen;
-            memcpy(ni->key, key, klen);
+            memcpy(key_of(ni), key, klen);
             ni->value = stored;
             ni->vlen = vlen;
             append_item(b, ni);
@@ -777,7 +794,7 @@ int util_ht_delete_if_equals(util_ht_t *table, const void *key, uint32_t klen, c
 int util_ht_call(util_ht_t *table, const void *key, uint32_t klen, util_ht_call_callback_t cb, void *user) noexcept {
     if (cb == nullptr) return -1;
     return with_item(table, key, klen, -1, [&](util_ht_bucket_t *b, Item *it) {
-        int r = cb(table, it->key, it->klen, &it->value, &it->vlen, user);
+        int r = cb(table, key_of(it), it->klen, &it->value, &it->vlen, user);
         if (r != 1) return r;
         remove_item(table, b, it);
         return 0;
@@ -791,7 +808,7 @@ int util_ht_foreach_pair(util_ht_t *table, util_ht_pair_callback_t cb, void *use
     for (util_ht_bucket_t *b = live_next(table, nullptr); b != nullptr && !stop; b = live_next(table, b)) {
         MutexGuard bg(&b->lock);
         for (Item *it = b->first; it != nullptr;) {
-            int r = cb(table, it->key, it->klen, it->value, it->vlen, user);
+            int r = cb(table, key_of(it), it->klen, it->value, it->vlen, user);
             if (r == 1) {
                 it = it->next;
                 continue;
