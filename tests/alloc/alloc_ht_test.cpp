@@ -152,7 +152,7 @@ TEST(AllocHt, GrowthIsAllOrNothing) {
         util_ht_destroy(t);
         EXPECT_EQ(a.leaked(), 0u);
     });
-    EXPECT_GE(runs, 1u);  // the new slots (buckets and items come from the chunks already held)
+    EXPECT_GT(runs, 10u);  // the new slots and the buckets that emptied ones cannot cover
 }
 
 TEST(AllocHt, GetCopy) {

@@ -33,18 +33,20 @@ struct Item {
     Item *next;  // also the link of a free list
 };
 
+constexpr size_t kItemAlign = 64;
+
 uint8_t *key_of(Item *it) {
     return it->klen <= UTIL_HT_KEY_INLINE ? it->inline_key : reinterpret_cast<uint8_t *>(it + 1);
 }
 
-// A block of pooled items and buckets, freed when the table goes.
+// A block of pooled items, freed when the table goes.
 struct Chunk {
     Chunk *next;
 };
 
 }  // namespace
 
-// What a lookup reads comes first (one cache line on 64-bit hosts).
+// What a lookup reads comes first.
 struct util_ht_bucket_s {
     pthread_mutex_t lock;
     Item *first;
@@ -61,10 +63,9 @@ struct util_ht_shard_s {
     uint32_t readers;
     pthread_mutex_t pool_lock;
     Item *free_items;
-    util_ht_bucket_t *free_buckets;  // linked through next
-    uint8_t *carve, *carve_end;      // the unused rest of the newest chunk
+    Item *carve, *carve_end;  // the unused rest of the newest chunk
     Chunk *chunks;
-    uint32_t chunk_bytes;  // size of the next chunk
+    uint32_t chunk_items;  // size of the next chunk
 };
 
 namespace {
@@ -177,31 +178,8 @@ bool enter_exclusive(util_ht_t *t, uint32_t work, bool once = false) {
 
 // ---- items and buckets ----
 
-// Items and buckets are carved from chunks of 4 KiB growing to 64 KiB, each
-// on whole cache lines of its own: threads working on different buckets
-// never write to a shared line, and an item is one line on 64-bit hosts.
-constexpr size_t kLine = 64, kFirstChunk = 4096, kLastChunk = 65536;
-constexpr size_t whole_lines(size_t n) { return (n + kLine - 1) / kLine * kLine; }
-constexpr size_t kItemBytes = whole_lines(sizeof(Item));
-constexpr size_t kBucketBytes = whole_lines(sizeof(util_ht_bucket_t));
-
-// A block of `bytes` (whole lines) from the shard's chunks; the pool mutex is held.
-void *carve(util_ht_shard_t *s, size_t bytes) {
-    if (size_t(s->carve_end - s->carve) < bytes) {
-        size_t n = s->chunk_bytes == 0 ? kFirstChunk : s->chunk_bytes;
-        auto *c = static_cast<Chunk *>(malloc(sizeof(Chunk) + kLine - 1 + n));
-        if (c == nullptr) return nullptr;
-        c->next = s->chunks;
-        s->chunks = c;
-        auto first = (reinterpret_cast<uintptr_t>(c + 1) + kLine - 1) & ~uintptr_t(kLine - 1);
-        s->carve = reinterpret_cast<uint8_t *>(first);
-        s->carve_end = s->carve + n;
-        s->chunk_bytes = n < kLastChunk ? n * 2 : n;
-    }
-    void *p = s->carve;
-    s->carve += bytes;
-    return p;
-}
+// Pooled items are carved from chunks that grow from 16 to 1024 items.
+constexpr uint32_t kFirstChunk = 16, kLastChunk = 1024;
 
 Item *pool_take(util_ht_shard_t *s) {
     MutexGuard g(&s->pool_lock);
@@ -209,7 +187,18 @@ Item *pool_take(util_ht_shard_t *s) {
         s->free_items = it->next;
         return it;
     }
-    return static_cast<Item *>(carve(s, kItemBytes));
+    if (s->carve == s->carve_end) {
+        uint32_t n = s->chunk_items == 0 ? kFirstChunk : s->chunk_items;
+        auto *c = static_cast<Chunk *>(malloc(sizeof(Chunk) + kItemAlign - 1 + size_t(n) * sizeof(Item)));
+        if (c == nullptr) return nullptr;
+        c->next = s->chunks;
+        s->chunks = c;
+        auto first = (reinterpret_cast<uintptr_t>(c + 1) + kItemAlign - 1) & ~uintptr_t(kItemAlign - 1);
+        s->carve = reinterpret_cast<Item *>(first);
+        s->carve_end = s->carve + n;
+        s->chunk_items = n < kLastChunk ? n * 2 : n;
+    }
+    return s->carve++;
 }
 
 // Hands a list of pooled items (linked through next) to the caller's shard.
@@ -248,17 +237,9 @@ void item_free(util_ht_bucket_t *b, Item *it) {
     b->spare = it;
 }
 
-util_ht_bucket_t *new_bucket(util_ht_t *t, uint32_t index) {
-    util_ht_shard_t *s = my_shard(t);
-    util_ht_bucket_t *b;
-    {
-        MutexGuard g(&s->pool_lock);
-        if ((b = s->free_buckets) != nullptr)
-            s->free_buckets = b->next;
-        else if ((b = static_cast<util_ht_bucket_t *>(carve(s, kBucketBytes))) == nullptr)
-            return nullptr;
-    }
-    memset(b, 0, sizeof(*b));
+util_ht_bucket_t *new_bucket(uint32_t index) {
+    auto *b = static_cast<util_ht_bucket_t *>(calloc(1, sizeof(util_ht_bucket_t)));
+    if (b == nullptr) return nullptr;
     b->last_next = &b->first;
     b->index = index;
     kerm::mutex_init_or_abort(&b->lock);
@@ -268,10 +249,7 @@ util_ht_bucket_t *new_bucket(util_ht_t *t, uint32_t index) {
 void free_bucket(util_ht_t *t, util_ht_bucket_t *b) {
     pool_give(t, b->spare);
     if (pthread_mutex_destroy(&b->lock) != 0) abort();
-    util_ht_shard_t *s = my_shard(t);
-    MutexGuard g(&s->pool_lock);
-    b->next = s->free_buckets;
-    s->free_buckets = b;
+    free(b);
 }
 
 // Chain links are stored atomically because locate() reads a bucket's first
@@ -359,7 +337,7 @@ util_ht_bucket_t *live_next(util_ht_t *t, util_ht_bucket_t *b) {
 util_ht_bucket_t *locate_or_create(util_ht_t *t, uint32_t hash) {
     for (;;) {
         if (util_ht_bucket_t *b = locate(t, hash)) return b;
-        util_ht_bucket_t *nb = new_bucket(t, 0);
+        util_ht_bucket_t *nb = new_bucket(0);
         if (nb == nullptr) return nullptr;
         kerm::lock_or_abort(&nb->lock);
         enter_exclusive(t, UTIL_HT_STATE_CREATING);
@@ -418,7 +396,7 @@ void grow(util_ht_t *t) {
     }
     util_ht_bucket_t *spare = nullptr;
     for (size_t i = 0; i < shortfall; ++i) {
-        util_ht_bucket_t *nb = new_bucket(t, 0);
+        util_ht_bucket_t *nb = new_bucket(0);
         if (nb == nullptr) {
             while (spare != nullptr) {
                 util_ht_bucket_t *next = spare->next;
