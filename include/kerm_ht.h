@@ -9,6 +9,9 @@
  * and clearing hold alone, and a table mutex for walks. Any number of threads may call any function at once; the item count
  * may be read without a lock. A lock or unlock that fails ends the process.
  *
+ * The memory of removed items with keys of up to UTIL_HT_KEY_INLINE bytes is
+ * kept for later insertions and released by util_ht_destroy()/util_ht_deinit().
+ *
  * Callbacks (util_ht_call, get-deep-copy, the walks, and the free-item
  * callback on delete, walk and clear) run while a bucket mutex is held: they
  * must not call back into the same table.
