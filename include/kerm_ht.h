@@ -4,10 +4,13 @@
  *
  * Keys are always copied (inline up to UTIL_HT_KEY_INLINE bytes); values are
  * stored as given, or copied by the *_copy variants. Locking is fine grained:
- * one mutex per bucket, a state word that locating threads pass together and
- * that bucket creation, growth and clearing hold alone, and a table mutex for
- * walks. Any number of threads may call any function at once; the item count
+ * one mutex per bucket, a state word that locating threads pass together
+ * (each counted in a reader slot of its own) and that bucket creation, growth
+ * and clearing hold alone, and a table mutex for walks. Any number of threads may call any function at once; the item count
  * may be read without a lock. A lock or unlock that fails ends the process.
+ *
+ * The memory of removed items with keys of up to UTIL_HT_KEY_INLINE bytes is
+ * kept for later insertions and released by util_ht_destroy()/util_ht_deinit().
  *
  * Callbacks (util_ht_call, get-deep-copy, the walks, and the free-item
  * callback on delete, walk and clear) run while a bucket mutex is held: they
@@ -37,13 +40,14 @@ extern "C" {
 #define UTIL_HT_MIN_SIZE 128u  /**< fewest bucket slots */
 #define UTIL_HT_KEY_INLINE 32u /**< keys up to this length live inside the item */
 
-/** State word values; above UTIL_HT_STATE_IDLE: idle plus the threads locating a bucket. */
+/** State word values. Locating threads are counted in per-thread reader slots, not here. */
 #define UTIL_HT_STATE_CLEARING 0u
 #define UTIL_HT_STATE_CREATING 1u
 #define UTIL_HT_STATE_GROWING 2u
 #define UTIL_HT_STATE_IDLE 3u
 
 typedef struct util_ht_bucket_s util_ht_bucket_t;
+typedef struct util_ht_shard_s util_ht_shard_t;
 typedef struct util_ht_s util_ht_t;
 
 /** Receives a value the table discards while holding it. */
@@ -73,8 +77,10 @@ struct util_ht_s {
     util_ht_bucket_t **live_tail;
     pthread_mutex_t lock;       /**< walks, clearing and growth */
     pthread_mutex_t live_lock;  /**< appends to the live-bucket chain against running walks */
-    /* written on every call: each on a cache line of its own */
-    uint8_t pad_state[64];
+    util_ht_shard_t *shards;    /**< reader counters and item pools, one per thread slot */
+    /* written by exclusive work and by every insertion and removal: each on a cache line of its
+     * own (the layout and size are those of the table without shards) */
+    uint8_t pad_state[64 - sizeof(void *)];
     uint32_t state; /**< state word (compare-and-swap only) */
     uint8_t pad_count[64];
     uint32_t count; /**< items (atomic) */

@@ -152,7 +152,7 @@ TEST(AllocHt, GrowthIsAllOrNothing) {
         util_ht_destroy(t);
         EXPECT_EQ(a.leaked(), 0u);
     });
-    EXPECT_GT(runs, 100u);  // the new slots and one bucket per used slot
+    EXPECT_GT(runs, 10u);  // the new slots and the buckets that emptied ones cannot cover
 }
 
 TEST(AllocHt, GetCopy) {

@@ -1,12 +1,15 @@
-// Hash table with per-bucket mutexes and a shared state word.
+// Hash table with per-bucket mutexes, a shared state word and per-thread
+// reader slots.
 //
 // Lock order: the state word (locating, or exclusive work), then the table
-// mutex, then a bucket mutex, then the live-chain mutex. Locating threads hold
-// the state word only while they read the slot and lock the bucket; after
-// that the bucket mutex alone protects the item chain. Growth and clearing
-// destroy buckets only after locking them, and nobody can reach a bucket
-// without going through the state word first, so a bucket never disappears
-// under a thread that holds or waits for its mutex.
+// mutex, then a bucket mutex, then a shard's pool mutex or the live-chain
+// mutex. Locating threads count themselves in a reader slot (a shard) while
+// they read the slot array and lock the bucket; after that the bucket mutex
+// alone protects the item chain. Exclusive work (bucket creation, growth,
+// clearing) claims the state word and then waits until every reader slot is
+// empty, so growth and clearing touch buckets only after locking them, and
+// nobody can reach a bucket without being counted first: a bucket never
+// disappears under a thread that holds or waits for its mutex.
 #include <sched.h>
 #include <stdlib.h>
 #include <string.h>
@@ -16,25 +19,53 @@
 
 namespace {
 
+// Short-key items come from the table's pools, one cache line each on 64-bit
+// hosts (what a lookup reads: hash, length, key bytes, value, next); an item
+// with a longer key is one malloc'ed block holding the key behind the record.
+// The chain is singly linked: a bucket holds about one item, and removal
+// follows a lookup that has just walked the same few items.
 struct Item {
-    uint32_t hash;
-    uint8_t inline_key[UTIL_HT_KEY_INLINE];
-    uint8_t *key;
+    uint32_t hash;  // kept so that growth never hashes a key again
     uint32_t klen;
-    void *value;
     uint32_t vlen;
-    Item *next;
-    Item **prev_next;
+    uint8_t inline_key[UTIL_HT_KEY_INLINE];
+    void *value;
+    Item *next;  // also the link of a free list
+};
+
+constexpr size_t kItemAlign = 64;
+
+uint8_t *key_of(Item *it) {
+    return it->klen <= UTIL_HT_KEY_INLINE ? it->inline_key : reinterpret_cast<uint8_t *>(it + 1);
+}
+
+// A block of pooled items, freed when the table goes.
+struct Chunk {
+    Chunk *next;
 };
 
 }  // namespace
 
+// What a lookup reads comes first.
 struct util_ht_bucket_s {
+    pthread_mutex_t lock;
     Item *first;
     Item **last_next;
-    pthread_mutex_t lock;
+    Item *spare;  // removed short-key items, reused by the next insertion here
     uint32_t index;
     util_ht_bucket_t *next;  // live-bucket chain
+};
+
+// One per thread slot. The reader counter is written by locating threads of
+// this slot only (mostly one thread), so it stays in that core's cache; the
+// shards are far enough apart that no two counters share a cache line.
+struct util_ht_shard_s {
+    uint32_t readers;
+    pthread_mutex_t pool_lock;
+    Item *free_items;
+    Item *carve, *carve_end;  // the unused rest of the newest chunk
+    Chunk *chunks;
+    uint32_t chunk_items;  // size of the next chunk
 };
 
 namespace {
@@ -43,14 +74,28 @@ using kerm::MutexGuard;
 
 uint32_t load(const uint32_t *p) { return __atomic_load_n(p, __ATOMIC_ACQUIRE); }
 
+// The one-at-a-time step h = (h + b) * 1025, h ^= h >> 6 written as
+// h + (h << 10) + b * 1025: the byte's product is off the dependency chain,
+// which leaves shift/add then shift/xor per byte (4 cycles instead of 5).
+// The empty asm keeps the compiler from folding the product back.
+inline uint32_t oaat_step(uint32_t h, uint8_t byte) {
+    uint32_t b = byte * 1025u;
+    __asm__("" : "+r"(b));
+    h = (h + b) + (h << 10);
+    return h ^ (h >> 6);
+}
+
 uint32_t hash_key(uint32_t seed, const void *key, uint32_t klen) {
     const auto *p = static_cast<const uint8_t *>(key);
+    const uint8_t *end = p + klen;
     uint32_t h = seed + klen;
-    for (uint32_t i = 0; i < klen; ++i) {
-        h += p[i];
-        h += h << 10;
-        h ^= h >> 6;
+    for (; end - p >= 4; p += 4) {
+        h = oaat_step(h, p[0]);
+        h = oaat_step(h, p[1]);
+        h = oaat_step(h, p[2]);
+        h = oaat_step(h, p[3]);
     }
+    for (; p < end; ++p) h = oaat_step(h, *p);
     h += h << 3;
     h ^= h >> 11;
     h += h << 15;
@@ -63,30 +108,46 @@ inline uint32_t slot_of(uint32_t hash, uint32_t size) {
     return (size & (size - 1)) == 0 ? hash & (size - 1) : hash % size;
 }
 
-// ---- the state word ----
+// ---- the state word and the reader slots ----
 
-void enter_locating(util_ht_t *t) {
-    uint32_t s = __atomic_load_n(&t->state, __ATOMIC_RELAXED);
+constexpr uint32_t kShards = 16;
+// Shards are this far apart, so that their counters never share a cache
+// line (nor an adjacent-line prefetch pair).
+constexpr size_t kShardStride = (sizeof(util_ht_shard_t) + 127) / 128 * 128;
+
+util_ht_shard_t *shard_at(util_ht_t *t, uint32_t i) {
+    return reinterpret_cast<util_ht_shard_t *>(reinterpret_cast<uint8_t *>(t->shards) + i * kShardStride);
+}
+
+// The calling thread's shard. Threads run on stacks of their own, so the
+// stack address picks a shard that stays with one thread without any
+// thread-local storage; sharing a shard is only slower, never wrong.
+util_ht_shard_t *my_shard(util_ht_t *t) {
+    auto sp = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    auto x = static_cast<uint32_t>(sp >> 20) * 0x9E3779B1u;
+    return shard_at(t, x >> 28);
+}
+static_assert(kShards == 16, "my_shard keeps the top 4 bits");
+
+// Counts the thread in its reader slot while the word is idle. The counter
+// and the word are both sequentially consistent, so either exclusive work
+// sees the reader or the reader sees the work and steps back.
+util_ht_shard_t *enter_locating(util_ht_t *t) {
+    util_ht_shard_t *s = my_shard(t);
     for (;;) {
-        if (s < UTIL_HT_STATE_IDLE) {
-            sched_yield();
-            s = __atomic_load_n(&t->state, __ATOMIC_RELAXED);
-            continue;
-        }
-        if (__atomic_compare_exchange_n(&t->state, &s, s + 1, true, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return;
+        __atomic_fetch_add(&s->readers, 1, __ATOMIC_SEQ_CST);
+        if (__atomic_load_n(&t->state, __ATOMIC_SEQ_CST) == UTIL_HT_STATE_IDLE) return s;
+        __atomic_fetch_sub(&s->readers, 1, __ATOMIC_RELEASE);
+        while (__atomic_load_n(&t->state, __ATOMIC_ACQUIRE) != UTIL_HT_STATE_IDLE) sched_yield();
     }
 }
 
-// Leaving is a plain decrement: it can only ever move n to n-1.
-void leave_locating(util_ht_t *t) { __atomic_fetch_sub(&t->state, 1, __ATOMIC_RELEASE); }
+void leave_locating(util_ht_shard_t *s) { __atomic_fetch_sub(&s->readers, 1, __ATOMIC_RELEASE); }
 
-bool try_enter_exclusive(util_ht_t *t, uint32_t work) {
-    uint32_t idle = UTIL_HT_STATE_IDLE;
-    return __atomic_compare_exchange_n(&t->state, &idle, work, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED);
-}
-
-void enter_exclusive(util_ht_t *t, uint32_t work) {
-    while (!try_enter_exclusive(t, work)) sched_yield();
+bool readers_gone(util_ht_t *t) {
+    for (uint32_t i = 0; i < kShards; ++i)
+        if (__atomic_load_n(&shard_at(t, i)->readers, __ATOMIC_SEQ_CST) != 0) return false;
+    return true;
 }
 
 void leave_exclusive(util_ht_t *t, uint32_t work) {
@@ -95,7 +156,86 @@ void leave_exclusive(util_ht_t *t, uint32_t work) {
         abort();  // only the holder may leave exclusive work
 }
 
-// ---- buckets and items ----
+// Claims the word from idle and waits a little for the readers to leave.
+// The claim is given back when they stay: a reader may be waiting for a
+// bucket whose holder is itself about to locate another key (callbacks may
+// call into the table for other buckets), so exclusive work never waits for
+// readers while it holds the word for long. `once`: no second claim.
+bool enter_exclusive(util_ht_t *t, uint32_t work, bool once = false) {
+    for (;;) {
+        uint32_t idle = UTIL_HT_STATE_IDLE;
+        if (__atomic_compare_exchange_n(&t->state, &idle, work, false, __ATOMIC_SEQ_CST, __ATOMIC_RELAXED)) {
+            for (int spin = 0; spin < 64; ++spin) {
+                if (readers_gone(t)) return true;
+                sched_yield();
+            }
+            leave_exclusive(t, work);
+        }
+        if (once) return false;
+        sched_yield();
+    }
+}
+
+// ---- items and buckets ----
+
+// Pooled items are carved from chunks that grow from 16 to 1024 items.
+constexpr uint32_t kFirstChunk = 16, kLastChunk = 1024;
+
+Item *pool_take(util_ht_shard_t *s) {
+    MutexGuard g(&s->pool_lock);
+    if (Item *it = s->free_items) {
+        s->free_items = it->next;
+        return it;
+    }
+    if (s->carve == s->carve_end) {
+        uint32_t n = s->chunk_items == 0 ? kFirstChunk : s->chunk_items;
+        auto *c = static_cast<Chunk *>(malloc(sizeof(Chunk) + kItemAlign - 1 + size_t(n) * sizeof(Item)));
+        if (c == nullptr) return nullptr;
+        c->next = s->chunks;
+        s->chunks = c;
+        auto first = (reinterpret_cast<uintptr_t>(c + 1) + kItemAlign - 1) & ~uintptr_t(kItemAlign - 1);
+        s->carve = reinterpret_cast<Item *>(first);
+        s->carve_end = s->carve + n;
+        s->chunk_items = n < kLastChunk ? n * 2 : n;
+    }
+    return s->carve++;
+}
+
+// Hands a list of pooled items (linked through next) to the caller's shard.
+void pool_give(util_ht_t *t, Item *first) {
+    if (first == nullptr) return;
+    Item *last = first;
+    while (last->next != nullptr) last = last->next;
+    util_ht_shard_t *s = my_shard(t);
+    MutexGuard g(&s->pool_lock);
+    last->next = s->free_items;
+    s->free_items = first;
+}
+
+// A fresh item for klen key bytes to go into bucket b (locked): a removed
+// one of the same bucket when there is one, so that removal and insertion
+// in one bucket cost no further lock.
+Item *item_new(util_ht_t *t, util_ht_bucket_t *b, uint32_t klen) {
+    Item *it;
+    if (klen > UTIL_HT_KEY_INLINE) {
+        it = static_cast<Item *>(malloc(sizeof(Item) + klen));
+    } else if ((it = b->spare) != nullptr) {
+        b->spare = it->next;
+    } else {
+        it = pool_take(my_shard(t));
+    }
+    if (it != nullptr) it->klen = klen;  // places the key
+    return it;
+}
+
+void item_free(util_ht_bucket_t *b, Item *it) {
+    if (it->klen > UTIL_HT_KEY_INLINE) {
+        free(it);
+        return;
+    }
+    it->next = b->spare;
+    b->spare = it;
+}
 
 util_ht_bucket_t *new_bucket(uint32_t index) {
     auto *b = static_cast<util_ht_bucket_t *>(calloc(1, sizeof(util_ht_bucket_t)));
@@ -106,42 +246,57 @@ util_ht_bucket_t *new_bucket(uint32_t index) {
     return b;
 }
 
-void free_bucket(util_ht_bucket_t *b) {
+void free_bucket(util_ht_t *t, util_ht_bucket_t *b) {
+    pool_give(t, b->spare);
     if (pthread_mutex_destroy(&b->lock) != 0) abort();
     free(b);
 }
 
+// Chain links are stored atomically because locate() reads a bucket's first
+// item before locking it, only to start fetching that item early.
+void set_link(Item **link, Item *it) { __atomic_store_n(link, it, __ATOMIC_RELAXED); }
+
 void append_item(util_ht_bucket_t *b, Item *it) {
     it->next = nullptr;
-    it->prev_next = b->last_next;
-    *b->last_next = it;
+    set_link(b->last_next, it);
     b->last_next = &it->next;
 }
 
 void unlink_item(util_ht_bucket_t *b, Item *it) {
-    *it->prev_next = it->next;
-    if (it->next != nullptr)
-        it->next->prev_next = it->prev_next;
-    else
-        b->last_next = it->prev_next;
-}
-
-void free_item(Item *it) {
-    if (it->key != it->inline_key) free(it->key);
-    free(it);
+    Item **link = &b->first;
+    while (*link != it) link = &(*link)->next;
+    set_link(link, it->next);
+    if (it->next == nullptr) b->last_next = link;
 }
 
 // Unlinks, frees and uncounts an item; its value is the caller's business.
 void remove_item(util_ht_t *t, util_ht_bucket_t *b, Item *it) {
     unlink_item(b, it);
-    free_item(it);
+    item_free(b, it);
     __atomic_fetch_sub(&t->count, 1, __ATOMIC_RELAXED);
+}
+
+// Keys are mostly short: eight bytes at a time inline beats a call to memcmp.
+bool same_bytes(const uint8_t *a, const uint8_t *b, uint32_t n) {
+    if (n > UTIL_HT_KEY_INLINE) return memcmp(a, b, n) == 0;
+    uint64_t x, y;
+    for (; n >= 8; a += 8, b += 8, n -= 8) {
+        memcpy(&x, a, 8);
+        memcpy(&y, b, 8);
+        if (x != y) return false;
+    }
+    for (; n > 0; --n)
+        if (*a++ != *b++) return false;
+    return true;
 }
 
 Item *find_item(util_ht_bucket_t *b, uint32_t hash, const void *key, uint32_t klen) {
     const auto *k = static_cast<const uint8_t *>(key);
     for (Item *it = b->first; it != nullptr; it = it->next)
-        if (it->hash == hash && it->klen == klen && it->key[0] == k[0] && memcmp(it->key, k, klen) == 0) return it;
+        if (it->hash == hash && it->klen == klen) {
+            const uint8_t *ik = key_of(it);
+            if (ik[0] == k[0] && same_bytes(ik, k, klen)) return it;
+        }
     return nullptr;
 }
 
@@ -165,10 +320,18 @@ void release_value(util_ht_t *t, void *value) {
 
 // The bucket for hash, locked, or null when its slot is empty.
 util_ht_bucket_t *locate(util_ht_t *t, uint32_t hash) {
-    enter_locating(t);
+    // Starts fetching the slot before entering, whose atomic would otherwise
+    // hold the load back; a stale guess (growth under way) costs nothing.
+    util_ht_bucket_t **guess = __atomic_load_n(&t->slots, __ATOMIC_RELAXED);
+    __builtin_prefetch(guess + slot_of(hash, __atomic_load_n(&t->size, __ATOMIC_RELAXED)));
+    util_ht_shard_t *s = enter_locating(t);
     util_ht_bucket_t *b = t->slots[slot_of(hash, t->size)];
-    if (b != nullptr) kerm::lock_or_abort(&b->lock);
-    leave_locating(t);
+    if (b != nullptr) {
+        // The item is fetched while the lock is taken; a stale guess is harmless.
+        __builtin_prefetch(__atomic_load_n(&b->first, __ATOMIC_RELAXED));
+        kerm::lock_or_abort(&b->lock);
+    }
+    leave_locating(s);
     return b;
 }
 
@@ -206,12 +369,16 @@ util_ht_bucket_t *locate_or_create(util_ht_t *t, uint32_t hash) {
         // without waiting for a bucket mutex while the state word is held.
         leave_exclusive(t, UTIL_HT_STATE_CREATING);
         kerm::unlock_or_abort(&nb->lock);
-        free_bucket(nb);
+        free_bucket(t, nb);
     }
 }
 
-// Doubles the slots (capped at the maximum) and rehashes every item. Runs
-// only when no other thread is locating, creating, growing or clearing.
+// Doubles the slots (capped at the maximum) and moves every item by its
+// stored hash. Runs only when no other thread is locating, creating, growing
+// or clearing. The buckets are reused: each old bucket, once emptied, serves
+// the next new slot that needs one, and only the shortfall is allocated,
+// before anything moves, so that a failed allocation leaves the table as it
+// was. The new live chain lists the buckets in the order of their first item.
 void grow(util_ht_t *t) {
     uint32_t size = __atomic_load_n(&t->size, __ATOMIC_RELAXED);
     uint32_t count = __atomic_load_n(&t->count, __ATOMIC_RELAXED);
@@ -222,48 +389,70 @@ void grow(util_ht_t *t) {
     auto new_size = static_cast<uint32_t>(wanted);
     auto **slots = static_cast<util_ht_bucket_t **>(calloc(new_size, sizeof(util_ht_bucket_t *)));
     if (slots == nullptr) return;
+    // Marks a new slot that will need a bucket, until the move gives it one.
+    static util_ht_bucket_t wanted_mark;
 
     MutexGuard g(&t->lock);
-    // First create every bucket the items need, so that a failed allocation
-    // leaves the table as it was.
+    // The largest number of buckets needed beyond those already emptied, at
+    // any point of the move below (which goes in the same order).
+    size_t needed = 0, emptied = 0, shortfall = 0;
+    for (util_ht_bucket_t *b = t->live_first; b != nullptr; b = b->next) {
+        // Waits for a thread that located the bucket before growth began;
+        // after this nobody else can reach it.
+        MutexGuard bg(&b->lock);
+        ++emptied;
+        for (Item *it = b->first; it != nullptr; it = it->next) {
+            util_ht_bucket_t **slot = &slots[slot_of(it->hash, new_size)];
+            if (*slot != nullptr) continue;
+            *slot = &wanted_mark;
+            if (++needed > emptied + shortfall) shortfall = needed - emptied;
+        }
+    }
+    util_ht_bucket_t *spare = nullptr;
+    for (size_t i = 0; i < shortfall; ++i) {
+        util_ht_bucket_t *nb = new_bucket(0);
+        if (nb == nullptr) {
+            while (spare != nullptr) {
+                util_ht_bucket_t *next = spare->next;
+                free_bucket(t, spare);
+                spare = next;
+            }
+            free(slots);
+            return;
+        }
+        nb->next = spare;
+        spare = nb;
+    }
     util_ht_bucket_t *first = nullptr;
     util_ht_bucket_t **tail = &first;
-    bool failed = false;
-    for (util_ht_bucket_t *b = t->live_first; b != nullptr && !failed; b = b->next) {
-        MutexGuard bg(&b->lock);
-        for (Item *it = b->first; it != nullptr; it = it->next) {
-            uint32_t index = slot_of(it->hash, new_size);
-            if (slots[index] != nullptr) continue;
-            util_ht_bucket_t *nb = new_bucket(index);
-            if (nb == nullptr) {
-                failed = true;
-                break;
-            }
-            slots[index] = nb;
-            *tail = nb;
-            tail = &nb->next;
-        }
-    }
-    if (failed) {
-        while (first != nullptr) {
-            util_ht_bucket_t *next = first->next;
-            free_bucket(first);
-            first = next;
-        }
-        free(slots);
-        return;
-    }
     for (util_ht_bucket_t *b = t->live_first; b != nullptr;) {
-        kerm::lock_or_abort(&b->lock);
-        for (Item *it = b->first; it != nullptr;) {
+        util_ht_bucket_t *next_old = b->next;
+        Item *it = b->first;
+        set_link(&b->first, nullptr);
+        b->last_next = &b->first;
+        b->next = spare;
+        spare = b;
+        while (it != nullptr) {
             Item *next = it->next;
-            append_item(slots[slot_of(it->hash, new_size)], it);
+            uint32_t index = slot_of(it->hash, new_size);
+            if (slots[index] == &wanted_mark) {
+                util_ht_bucket_t *nb = spare;
+                spare = nb->next;
+                nb->index = index;
+                nb->next = nullptr;
+                *tail = nb;
+                tail = &nb->next;
+                slots[index] = nb;
+            }
+            append_item(slots[index], it);
             it = next;
         }
-        kerm::unlock_or_abort(&b->lock);
-        util_ht_bucket_t *next = b->next;
-        free_bucket(b);
-        b = next;
+        b = next_old;
+    }
+    while (spare != nullptr) {  // buckets of slots that merged
+        util_ht_bucket_t *next = spare->next;
+        free_bucket(t, spare);
+        spare = next;
     }
     util_ht_bucket_t **old = t->slots;
     {
@@ -271,7 +460,7 @@ void grow(util_ht_t *t) {
         t->live_first = first;
         t->live_tail = first == nullptr ? &t->live_first : tail;
     }
-    t->slots = slots;
+    __atomic_store_n(&t->slots, slots, __ATOMIC_RELAXED);  // read early by locate()
     __atomic_store_n(&t->size, new_size, __ATOMIC_RELAXED);
     free(old);
 }
@@ -282,7 +471,7 @@ void maybe_grow(util_ht_t *t) {
     if (t->max_size != 0 && size >= t->max_size) return;
     // One attempt: when the word is busy another thread is working and will
     // see the count later.
-    if (!try_enter_exclusive(t, UTIL_HT_STATE_GROWING)) return;
+    if (!enter_exclusive(t, UTIL_HT_STATE_GROWING, true)) return;
     grow(t);
     leave_exclusive(t, UTIL_HT_STATE_GROWING);
 }
@@ -339,23 +528,20 @@ int set_item(util_ht_t *t, const void *key, uint32_t klen, void *value, uint32_t
             break;
         }
     } else {
-        auto *ni = static_cast<Item *>(calloc(1, sizeof(Item)));
         void *stored = value;
-        if (ni != nullptr && mode == SetMode::Copy) {
+        bool copy_failed = false;
+        if (mode == SetMode::Copy) {
             stored = nullptr;
             if (vlen > 0 && (stored = malloc(vlen)) != nullptr) memcpy(stored, value, vlen);
+            copy_failed = vlen > 0 && stored == nullptr;
         }
-        if (ni != nullptr && klen > UTIL_HT_KEY_INLINE) ni->key = static_cast<uint8_t *>(malloc(klen));
-        else if (ni != nullptr) ni->key = ni->inline_key;
-        if (ni == nullptr || ni->key == nullptr || (mode == SetMode::Copy && vlen > 0 && stored == nullptr)) {
-            if (ni != nullptr && mode == SetMode::Copy) free(stored);
-            if (ni != nullptr && ni->key != ni->inline_key) free(ni->key);
-            free(ni);
+        Item *ni = copy_failed ? nullptr : item_new(t, b, klen);
+        if (ni == nullptr) {
+            if (mode == SetMode::Copy) free(stored);
             rc = -1;
         } else {
             ni->hash = hash;
-            ni->klen = klen;
-            memcpy(ni->key, key, klen);
+            memcpy(key_of(ni), key, klen);
             ni->value = stored;
             ni->vlen = vlen;
             append_item(b, ni);
@@ -430,7 +616,15 @@ int util_ht_init(util_ht_t *table, uint32_t initial_size, uint32_t max_size,
     uint32_t size = initial_size < UTIL_HT_MIN_SIZE ? UTIL_HT_MIN_SIZE : initial_size;
     memset(table, 0, sizeof(*table));
     table->slots = static_cast<util_ht_bucket_t **>(calloc(size, sizeof(util_ht_bucket_t *)));
-    if (table->slots == nullptr) return -1;
+    table->shards = static_cast<util_ht_shard_t *>(calloc(kShards, kShardStride));
+    if (table->slots == nullptr || table->shards == nullptr) {
+        free(table->slots);
+        free(table->shards);
+        table->slots = nullptr;
+        table->shards = nullptr;
+        return -1;
+    }
+    for (uint32_t i = 0; i < kShards; ++i) kerm::mutex_init_or_abort(&shard_at(table, i)->pool_lock);
     table->size = size;
     table->max_size = max_size;
     table->state = UTIL_HT_STATE_IDLE;
@@ -468,7 +662,7 @@ void util_ht_clear(util_ht_t *table) noexcept {
             kerm::unlock_or_abort(&b->lock);
             table->slots[b->index] = nullptr;
             util_ht_bucket_t *next = b->next;
-            free_bucket(b);
+            free_bucket(table, b);
             b = next;
         }
         MutexGuard lg(&table->live_lock);
@@ -483,6 +677,16 @@ void util_ht_deinit(util_ht_t *table) noexcept {
     util_ht_clear(table);
     free(table->slots);
     table->slots = nullptr;
+    for (uint32_t i = 0; i < kShards; ++i) {
+        util_ht_shard_t *s = shard_at(table, i);
+        while (Chunk *c = s->chunks) {
+            s->chunks = c->next;
+            free(c);
+        }
+        if (pthread_mutex_destroy(&s->pool_lock) != 0) abort();
+    }
+    free(table->shards);
+    table->shards = nullptr;
     if (pthread_mutex_destroy(&table->lock) != 0 || pthread_mutex_destroy(&table->live_lock) != 0) abort();
 }
 
@@ -604,7 +808,7 @@ int util_ht_delete_if_equals(util_ht_t *table, const void *key, uint32_t klen, c
 int util_ht_call(util_ht_t *table, const void *key, uint32_t klen, util_ht_call_callback_t cb, void *user) noexcept {
     if (cb == nullptr) return -1;
     return with_item(table, key, klen, -1, [&](util_ht_bucket_t *b, Item *it) {
-        int r = cb(table, it->key, it->klen, &it->value, &it->vlen, user);
+        int r = cb(table, key_of(it), it->klen, &it->value, &it->vlen, user);
         if (r != 1) return r;
         remove_item(table, b, it);
         return 0;
@@ -618,7 +822,7 @@ int util_ht_foreach_pair(util_ht_t *table, util_ht_pair_callback_t cb, void *use
     for (util_ht_bucket_t *b = live_next(table, nullptr); b != nullptr && !stop; b = live_next(table, b)) {
         MutexGuard bg(&b->lock);
         for (Item *it = b->first; it != nullptr;) {
-            int r = cb(table, it->key, it->klen, it->value, it->vlen, user);
+            int r = cb(table, key_of(it), it->klen, it->value, it->vlen, user);
             if (r == 1) {
                 it = it->next;
                 continue;
