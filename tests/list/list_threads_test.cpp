@@ -74,9 +74,11 @@ TEST(ListThreads, PositionalOpsAndHeldLock) {
                     list_unlock(l);
                     break;
                 }
-                default: {
+                default: {  // a move is two locked steps: past a shrinking end it would pad
+                    list_lock(l);
                     uint32_t n = list_count(l);
                     if (n > 0) list_move_value(l, static_cast<uint32_t>(rng() % n), static_cast<uint32_t>(rng() % n));
+                    list_unlock(l);
                     break;
                 }
                 }
