@@ -190,7 +190,11 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
             continue;
         }
         if (moved) {
-            uintptr_t old = t->value.exchange(reinterpret_cast<uintptr_t>(value));
+            // T left the reader's reach before it came back into the ring,
+            // and only the write flag's holder stores into it: a plain load
+            // and store do what an exchange would (commit publishes it).
+            uintptr_t old = t->value.load(std::memory_order_relaxed);
+            t->value.store(reinterpret_cast<uintptr_t>(value), std::memory_order_relaxed);
             util_rqueue_free_value_callback_t cb = q->free_value.load(std::memory_order_relaxed);
             if (old && cb) cb(reinterpret_cast<void *>(old), value);
             bump(q->writes, uint64_t{1});
@@ -229,8 +233,11 @@ void *read_value(util_rqueue *q, uint32_t budget) {
         // loaded would (the swap of hp's next below publishes them).
         r->next.store((hn & ~kBit1) | kMark, std::memory_order_relaxed);
         r->prev.store(word(hp), std::memory_order_release);
-        uintptr_t marked_h = word(h) | kMark;
-        if (!hp->next.compare_exchange_strong(marked_h, word(r))) {
+        // Next pointers change only under the read flag (an overwriting
+        // writer takes it too), so the check and the store cannot be split.
+        if (hp->next.load(std::memory_order_relaxed) == (word(h) | kMark)) {
+            hp->next.store(word(r), std::memory_order_release);
+        } else {
             fputs("head swap failed\n", stderr);
             r->next.store(rn, std::memory_order_relaxed);
             sched_yield();
@@ -241,12 +248,14 @@ void *read_value(util_rqueue *q, uint32_t budget) {
         q->head.store(n, std::memory_order_release);
         n->prev.store(word(r), std::memory_order_release);
         q->reader.store(h, std::memory_order_release);
-        uintptr_t v = h->value.load();
+        // H is the spare page now: no writer can claim it until a later
+        // read splices it back in, so clearing it needs no compare-and-swap.
+        uintptr_t v = h->value.load(std::memory_order_acquire);
         if (v == 0) {
             drop_flag(q->read_flag);
             continue;
         }
-        h->value.compare_exchange_strong(v, 0);
+        h->value.store(0, std::memory_order_relaxed);
         bump(q->reads, uint64_t{1});
         drop_flag(q->read_flag);
         return reinterpret_cast<void *>(v);
