@@ -26,7 +26,8 @@ namespace {
 
 constexpr uint32_t kAttempts = 1000;
 constexpr uint32_t kMinSize = 3;
-constexpr unsigned kSpins = 64;
+constexpr unsigned kSpins = 16;       // on a busy flag, before yielding
+constexpr unsigned kEmptyYield = 64;  // on an empty queue, one yield per this many looks
 constexpr uintptr_t kMark = 1;  // on next: the following page is the head
 constexpr uintptr_t kBit1 = 2;  // never set here; cleared whenever a pointer is followed
 
@@ -90,7 +91,7 @@ void drop_flag(std::atomic<uint32_t> &flag) { flag.store(0, std::memory_order_re
 // than that). Waiting for a writer to fill an empty queue yields only now
 // and then: a read of an empty queue stays short, yet gives writers a turn.
 void wait_turn(unsigned attempt, bool flag_busy = true) {
-    if (attempt < kSpins || (!flag_busy && attempt % kSpins != 0)) kerm::cpu_relax();
+    if (flag_busy ? attempt < kSpins : attempt % kEmptyYield != kEmptyYield - 1) kerm::cpu_relax();
     else sched_yield();
 }
 
@@ -149,7 +150,7 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
     take_write_flag(q);
     uint32_t attempts = 0;
     for (;;) {
-        Page *t = q->tail.load(), *c = q->commit.load(), *h = q->head.load();
+        Page *t = q->tail.load(), *c = q->commit.load();
         uintptr_t tn = t->next.load();
         Page *n = page_at(tn);
         if (tn < 4) {
@@ -158,7 +159,11 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
         }
         bool blocking = q->mode.load(std::memory_order_relaxed) == UTIL_RQUEUE_MODE_BLOCKING;
         bool moved = false;
-        if (blocking && c == t && t != h && n != h) {
+        // The head is read only where it decides something: readers store
+        // it on every read, so loading it on every write would pull its
+        // line across to the writer each time.
+        Page *h = blocking && c == t ? q->head.load() : nullptr;
+        if (h && t != h && n != h) {
             // Commit caught at the tail: step the tail on without storing and
             // try again; the skipped page reads as empty.
             if (attempts >= budget) {
@@ -170,7 +175,9 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
             ++attempts;
             continue;
         }
-        if (!(tn & kMark) && (n != h || is_empty(q))) {
+        // The mark sits on the page before the head, so an unmarked next
+        // pointer never leads to the head: N differs from H here.
+        if (!(tn & kMark)) {
             // Only the write flag's holder moves the tail, so a plain store
             // does what a compare-and-swap from T would.
             if (!(t->next.load() & kMark)) {
@@ -213,12 +220,14 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
 void *read_value(util_rqueue *q, uint32_t budget) {
     if (!q) return nullptr;
     bool busy = false;
+    unsigned empties = 0, busies = 0;
     for (uint32_t attempts = 0; attempts < budget; ++attempts) {
-        if (attempts) wait_turn(attempts - 1, busy);
+        if (attempts) wait_turn(busy ? busies++ : empties++, busy);
         // Emptiness is checked again under the flag; looking first keeps
         // readers of an empty queue off the flag's cache line.
         busy = false;
-        if (is_empty(q)) continue;
+        if (q->reader.load(std::memory_order_relaxed) == q->commit.load(std::memory_order_acquire) || is_empty(q))
+            continue;
         busy = !try_flag(q->read_flag);
         if (busy) continue;
         Page *h = q->head.load(), *c = q->commit.load(), *r = q->reader.load();
