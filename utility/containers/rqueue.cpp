@@ -28,6 +28,7 @@ constexpr uint32_t kAttempts = 1000;
 constexpr uint32_t kMinSize = 3;
 constexpr unsigned kSpins = 16;       // on a busy flag, before yielding
 constexpr unsigned kEmptyYield = 64;  // on an empty queue, one yield per this many looks
+constexpr unsigned kFullPause = 256;  // on a full ring, spin-wait hints past the yield
 constexpr uintptr_t kMark = 1;  // on next: the following page is the head
 constexpr uintptr_t kBit1 = 2;  // never set here; cleared whenever a pointer is followed
 
@@ -114,10 +115,14 @@ void leave_write(util_rqueue *q) {
     drop_flag(q->write_flag);
 }
 
-// Lets readers run while the ring is full.
+// Lets readers run while the ring is full. Past the yield the writer
+// waits a little longer before it looks again: the page it looks at (the
+// one before the head) is the one the reader stores into on every read, and
+// the reader frees a run of pages instead of one at a time.
 void pause_write(util_rqueue *q) {
     leave_write(q);
     sched_yield();
+    for (unsigned i = 0; i < kFullPause; ++i) kerm::cpu_relax();
     take_write_flag(q);
 }
 
