@@ -28,7 +28,7 @@ constexpr uint32_t kAttempts = 1000;
 constexpr uint32_t kMinSize = 3;
 constexpr unsigned kSpins = 16;       // on a busy flag, before yielding
 constexpr unsigned kEmptyYield = 64;  // on an empty queue, one yield per this many looks
-constexpr unsigned kFullPause = 256;  // on a full ring, spin-wait hints past the yield
+constexpr unsigned kFullPause = 64;   // on a full ring, spin-wait hints past the yield
 constexpr uintptr_t kMark = 1;  // on next: the following page is the head
 constexpr uintptr_t kBit1 = 2;  // never set here; cleared whenever a pointer is followed
 
