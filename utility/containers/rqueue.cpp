@@ -28,7 +28,8 @@ constexpr uint32_t kAttempts = 1000;
 constexpr uint32_t kMinSize = 3;
 constexpr unsigned kSpins = 16;       // on a busy flag, before yielding
 constexpr unsigned kEmptyYield = 64;  // on an empty queue, one yield per this many looks
-constexpr unsigned kFullPause = 64;   // on a full ring, spin-wait hints past the yield
+constexpr unsigned kFullPause = 256;  // on a full ring, spin-wait hints past the yield...
+constexpr unsigned kFullWaits = 8;     // ...on the first this many waits of a write
 constexpr uintptr_t kMark = 1;  // on next: the following page is the head
 constexpr uintptr_t kBit1 = 2;  // never set here; cleared whenever a pointer is followed
 
@@ -115,14 +116,17 @@ void leave_write(util_rqueue *q) {
     drop_flag(q->write_flag);
 }
 
-// Lets readers run while the ring is full. Past the yield the writer
-// waits a little longer before it looks again: the page it looks at (the
-// one before the head) is the one the reader stores into on every read, and
-// the reader frees a run of pages instead of one at a time.
-void pause_write(util_rqueue *q) {
+// Lets readers run while the ring is full. On its first few waits the
+// writer also spins a while past the yield before it looks again: the page
+// it looks at (the one before the head) is the one a reader stores into on
+// every read, and a busy reader then frees a run of pages instead of one at
+// a time. A ring that stays full has no busy reader: from then on the
+// writer only yields, so a refused write is not drawn out.
+void pause_write(util_rqueue *q, uint32_t attempt) {
     leave_write(q);
     sched_yield();
-    for (unsigned i = 0; i < kFullPause; ++i) kerm::cpu_relax();
+    if (attempt < kFullWaits)
+        for (unsigned i = 0; i < kFullPause; ++i) kerm::cpu_relax();
     take_write_flag(q);
 }
 
@@ -176,7 +180,7 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
                 return -2;
             }
             q->tail.store(n, std::memory_order_release);
-            pause_write(q);
+            pause_write(q, attempts);
             ++attempts;
             continue;
         }
@@ -198,7 +202,7 @@ int32_t write_value(util_rqueue *q, void *value, uint32_t budget) {
                 leave_write(q);
                 return -2;
             }
-            pause_write(q);
+            pause_write(q, attempts);
             continue;
         }
         if (moved) {
