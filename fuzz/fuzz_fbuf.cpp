@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "../tests/support/bytebuf_model.h"
+#include "support/bytebuf_model.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const uint32_t minlens[] = {1, 2, 3, 8, 16, 128, 0, 5};

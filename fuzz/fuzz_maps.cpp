@@ -10,7 +10,7 @@
 #include <map>
 #include <string>
 
-#include "../tests/maps/maps_test_util.h"
+#include "maps/maps_test_util.h"
 #include "containers/maps_internal.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "../tests/support/bytebuf_model.h"
+#include "support/bytebuf_model.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     static const int32_t caps[] = {1, 2, 3, 8, 13, 64, 5, 200};
