@@ -14,6 +14,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include "common/kerm_cpu.h"
 #include "common/kerm_guard.h"
 #include "kerm_ht.h"
 
@@ -33,7 +34,7 @@ struct Item {
     Item *next;  // also the link of a free list
 };
 
-constexpr size_t kItemAlign = 64;
+constexpr size_t kItemAlign = kerm::kCacheLine;
 
 uint8_t *key_of(Item *it) {
     return it->klen <= UTIL_HT_KEY_INLINE ? it->inline_key : reinterpret_cast<uint8_t *>(it + 1);
@@ -113,7 +114,8 @@ inline uint32_t slot_of(uint32_t hash, uint32_t size) {
 constexpr uint32_t kShards = 16;
 // Shards are this far apart, so that their counters never share a cache
 // line (nor an adjacent-line prefetch pair).
-constexpr size_t kShardStride = (sizeof(util_ht_shard_t) + 127) / 128 * 128;
+constexpr size_t kShardPair = 2 * kerm::kCacheLine;
+constexpr size_t kShardStride = (sizeof(util_ht_shard_t) + kShardPair - 1) / kShardPair * kShardPair;
 
 util_ht_shard_t *shard_at(util_ht_t *t, uint32_t i) {
     return reinterpret_cast<util_ht_shard_t *>(reinterpret_cast<uint8_t *>(t->shards) + i * kShardStride);
