@@ -275,9 +275,8 @@ int key_cmp(void *a, void *b) { return desc_cmp(V(U(a) >> 8), V(U(b) >> 8)); }
 
 uintptr_t K(uintptr_t key, uintptr_t id) { return key << 8 | id; }
 
-std::vector<uintptr_t> fill(list_t *l, const std::vector<uintptr_t> &values) {
+void fill(list_t *l, const std::vector<uintptr_t> &values) {
     for (uintptr_t v : values) list_push_value(l, V(v));
-    return values;
 }
 
 // Sorted by key (descending), the same values as before, links intact.
