@@ -191,19 +191,13 @@ TEST(HtRules, WalkResultsAndTheBucketSkip) {
     EXPECT_EQ(util_ht_count(t), 4u);
 
     // 0 stops at once; -2 removes and stops.
-    WalkPlan stop;
-    stop.results[trio[1]] = 0;
-    stop.results["other-a"] = 0;
-    stop.results["other-b"] = 0;
-    util_ht_foreach_pair(t, plan_cb, &stop);
-    EXPECT_EQ(stop.seen.size(), 1u);
-    WalkPlan take;
-    take.results[trio[1]] = -2;
-    take.results["other-a"] = -2;
-    take.results["other-b"] = -2;
-    util_ht_foreach_pair(t, plan_cb, &take);
-    EXPECT_EQ(take.seen.size(), 1u);
-    EXPECT_EQ(util_ht_count(t), 3u);
+    for (int r : {0, -2}) {
+        WalkPlan stop;
+        for (const std::string &k : {trio[1], std::string("other-a"), std::string("other-b")}) stop.results[k] = r;
+        util_ht_foreach_pair(t, plan_cb, &stop);
+        EXPECT_EQ(stop.seen.size(), 1u);
+        EXPECT_EQ(util_ht_count(t), r == 0 ? 4u : 3u);
+    }
 
     // Snapshots: keys copied, values borrowed.
     list_t *keys = util_ht_get_all_keys(t);

@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kerm_list.h"
@@ -32,8 +33,7 @@ TEST(ListTagged, ConstructorsKindsAndLengths) {
     };
     for (auto &c : cases) {
         ASSERT_NE(c.tv, nullptr);
-        if (c.tag) EXPECT_STREQ(c.tv->tag, c.tag);
-        else EXPECT_EQ(c.tv->tag, nullptr);
+        EXPECT_STREQ(c.tv->tag, c.tag);  // both null for the untagged one
         EXPECT_EQ(c.tv->vlen, c.vlen);
         EXPECT_EQ(c.tv->type, c.type);
         EXPECT_EQ(static_cast<char *>(c.tv->value)[c.vlen], '\0');  // bytes are zero-terminated too
@@ -116,15 +116,13 @@ TEST(ListTagged, LookupAndReplace) {
     EXPECT_EQ(list_set_tagged_value(nullptr, "k", nullptr, 0, 0), 0);
     EXPECT_EQ(list_set_tagged_value(l, nullptr, nullptr, 0, 0), 0);
 
-    list_tagged_value_t *z = shift_tagged_value(l);
-    EXPECT_STREQ(z->tag, "z");
-    list_destroy_tagged_value(z);
-    list_tagged_value_t *last = list_pop_tagged_value(l);
-    EXPECT_STREQ(last->tag, "new");
-    list_destroy_tagged_value(last);
-    list_tagged_value_t *mid = list_fetch_tagged_value(l, 2);
-    EXPECT_EQ(mid->tag, nullptr);
-    list_destroy_tagged_value(mid);
+    // Head, tail, then the untagged one in the middle.
+    using Taken = std::pair<list_tagged_value_t *, const char *>;
+    for (auto [tv, tag] : {Taken{shift_tagged_value(l), "z"}, Taken{list_pop_tagged_value(l), "new"},
+                           Taken{list_fetch_tagged_value(l, 2), nullptr}}) {
+        EXPECT_STREQ(tv->tag, tag);
+        list_destroy_tagged_value(tv);
+    }
     list_destroy(l);
 }
 
