@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kerm_mempool.h"
@@ -57,10 +58,16 @@ struct Snapshot {
     std::vector<uint8_t> bytes;
 };
 
+// The class a block of `bytes` is listed in, and (rounded request, class) of a search.
 std::pair<int, int> class_of(size_t bytes) {
     int fl, sl;
     mapping_insert(bytes, &fl, &sl);
     return {fl, sl};
+}
+std::tuple<uintptr_t, int, int> search_of(uintptr_t r) {
+    int fl, sl;
+    mapping_search(&r, &fl, &sl);
+    return {r, fl, sl};
 }
 
 TEST(MempoolFigures, FollowThePointerWidth) {
@@ -83,16 +90,9 @@ TEST(MempoolFigures, FollowThePointerWidth) {
 }
 
 TEST(MempoolFigures, SizeClassesAndBitHelpers) {
-    int fl, sl;
-    uintptr_t r = 200;
-    mapping_search(&r, &fl, &sl);  // 200 + 3 = 203, 203 >> 2 = 50, 50 - 32 = 18
-    EXPECT_EQ(fl, 1);
-    EXPECT_EQ(sl, 18);
-    EXPECT_EQ(r, 200u);
+    EXPECT_EQ(search_of(200), std::make_tuple(uintptr_t{200}, 1, 18));  // 203 >> 2 = 50, 50 - 32 = 18
     EXPECT_EQ(class_of(104), std::make_pair(0, 26));
-    r = 1000;  // step 16 at 512..1023
-    mapping_search(&r, &fl, &sl);
-    EXPECT_EQ(r, 1008u);
+    EXPECT_EQ(std::get<0>(search_of(1000)), 1008u);  // step 16 at 512..1023
 
     for (int bit = 0; bit < 32; ++bit) {
         const uint32_t x = 1u << bit;
@@ -127,15 +127,14 @@ TEST(MempoolFigures, SizeClassesAndBitHelpers) {
         return f == 0 ? uintptr_t(s) * 4 : uintptr_t(kSlCount + s) << (f + kFlOffset - kSlLog2);
     };
     for (uintptr_t size = kAlign; size < (uintptr_t{1} << 22); size += size < 8192 ? kAlign : 4093 * kAlign) {
-        mapping_insert(size, &fl, &sl);
+        const auto [fl, sl] = class_of(size);
         ASSERT_LE(class_low(fl, sl), size);
         if (sl + 1 < kSlCount) {
             ASSERT_GT(class_low(fl, sl + 1), size);
         }
-        uintptr_t want = size;
-        mapping_search(&want, &fl, &sl);
-        ASSERT_GE(class_low(fl, sl), size) << size;
-        ASSERT_EQ(class_low(fl, sl), want < kSmallBlock ? class_low(fl, sl) : want) << size;
+        const auto [want, sfl, ssl] = search_of(size);
+        ASSERT_GE(class_low(sfl, ssl), size) << size;
+        ASSERT_EQ(class_low(sfl, ssl), want < kSmallBlock ? class_low(sfl, ssl) : want) << size;
     }
 }
 
