@@ -5,6 +5,7 @@
 #include <stdio.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "kerm_mempool.h"
@@ -28,13 +29,45 @@ std::string fmt(const char *f, ...) {
     return buf;
 }
 
-std::string block_line(void *user_ptr) {
+// What a call prints on stdout.
+template <class F>
+std::string printed(F f) {
     CaptureStdout();
-    print_block(Block::of(user_ptr));
+    f();
     return GetCapturedStdout();
 }
 
+std::string block_line(void *user_ptr) {
+    return printed([&] { print_block(Block::of(user_ptr)); });
+}
+
 Control *ctl(void *pool) { return static_cast<Control *>(pool); }
+
+// Backing memory laid out as a pool; `big` is its one free block.
+struct Pool : Arena {
+    explicit Pool(size_t size) : Arena(size), big(init_memory_pool(size, data())) {}
+    const size_t big;
+};
+
+// A copy of the bytes, to show a refused call wrote nothing.
+struct Snapshot {
+    explicit Snapshot(const Arena &a) : a(a), bytes(a.data(), a.data() + a.size()) {}
+    bool unchanged() const { return memcmp(bytes.data(), a.data(), a.size()) == 0; }
+    const Arena &a;
+    std::vector<uint8_t> bytes;
+};
+
+// The class a block of `bytes` is listed in, and (rounded request, class) of a search.
+std::pair<int, int> class_of(size_t bytes) {
+    int fl, sl;
+    mapping_insert(bytes, &fl, &sl);
+    return {fl, sl};
+}
+std::tuple<uintptr_t, int, int> search_of(uintptr_t r) {
+    int fl, sl;
+    mapping_search(&r, &fl, &sl);
+    return {r, fl, sl};
+}
 
 TEST(MempoolFigures, FollowThePointerWidth) {
     EXPECT_EQ(KERM_MEMPOOL_CONTROL_SIZE, kTarget ? 3184u : 6272u);
@@ -45,10 +78,10 @@ TEST(MempoolFigures, FollowThePointerWidth) {
     Arena a(KERM_MEMPOOL_MIN_REGION);
     EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION, a.data()), kTarget ? 32u : 64u);
     EXPECT_TRUE(PoolOk(a.data()));
-    std::vector<uint8_t> before(a.data(), a.data() + a.size());
+    const Snapshot before(a);
     // A second call finds the signature: the descriptor block's size, nothing rewritten.
     EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION, a.data()), kTarget ? 8u : 16u);
-    EXPECT_EQ(0, memcmp(before.data(), a.data(), a.size()));
+    EXPECT_TRUE(before.unchanged());
 
     void *one = malloc_ex(1, a.data());
     ASSERT_NE(one, nullptr);
@@ -56,18 +89,9 @@ TEST(MempoolFigures, FollowThePointerWidth) {
 }
 
 TEST(MempoolFigures, SizeClassesAndBitHelpers) {
-    int fl, sl;
-    uintptr_t r = 200;
-    mapping_search(&r, &fl, &sl);  // 200 + 3 = 203, 203 >> 2 = 50, 50 - 32 = 18
-    EXPECT_EQ(fl, 1);
-    EXPECT_EQ(sl, 18);
-    EXPECT_EQ(r, 200u);
-    mapping_insert(104, &fl, &sl);
-    EXPECT_EQ(fl, 0);
-    EXPECT_EQ(sl, 26);
-    r = 1000;  // step 16 at 512..1023
-    mapping_search(&r, &fl, &sl);
-    EXPECT_EQ(r, 1008u);
+    EXPECT_EQ(search_of(200), std::make_tuple(uintptr_t{200}, 1, 18));  // 203 >> 2 = 50, 50 - 32 = 18
+    EXPECT_EQ(class_of(104), std::make_pair(0, 26));
+    EXPECT_EQ(std::get<0>(search_of(1000)), 1008u);  // step 16 at 512..1023
 
     for (int bit = 0; bit < 32; ++bit) {
         const uint32_t x = 1u << bit;
@@ -102,25 +126,22 @@ TEST(MempoolFigures, SizeClassesAndBitHelpers) {
         return f == 0 ? uintptr_t(s) * 4 : uintptr_t(kSlCount + s) << (f + kFlOffset - kSlLog2);
     };
     for (uintptr_t size = kAlign; size < (uintptr_t{1} << 22); size += size < 8192 ? kAlign : 4093 * kAlign) {
-        mapping_insert(size, &fl, &sl);
+        const auto [fl, sl] = class_of(size);
         ASSERT_LE(class_low(fl, sl), size);
         if (sl + 1 < kSlCount) {
             ASSERT_GT(class_low(fl, sl + 1), size);
         }
-        uintptr_t want = size;
-        mapping_search(&want, &fl, &sl);
-        ASSERT_GE(class_low(fl, sl), size) << size;
-        ASSERT_EQ(class_low(fl, sl), want < kSmallBlock ? class_low(fl, sl) : want) << size;
+        const auto [want, sfl, ssl] = search_of(size);
+        ASSERT_GE(class_low(sfl, ssl), size) << size;
+        ASSERT_EQ(class_low(sfl, ssl), want < kSmallBlock ? class_low(sfl, ssl) : want) << size;
     }
 }
 
 TEST(MempoolFigures, HundredByteBlockListAndTwoHundredSearch) {
-    Arena a(1 << 16);
-    init_memory_pool(a.size(), a.data());
-    void *left = malloc_ex(8, a.data());
-    void *hundred = malloc_ex(100, a.data());
-    void *right = malloc_ex(8, a.data());
-    ASSERT_TRUE(left && hundred && right);
+    Pool a(1 << 16);
+    // Brace lists run left to right: the hundred bytes sit between two used blocks.
+    void *p[] = {malloc_ex(8, a.data()), malloc_ex(100, a.data()), malloc_ex(8, a.data())}, *hundred = p[1];
+    ASSERT_TRUE(p[0] && p[1] && p[2]);
     EXPECT_EQ(Block::of(hundred)->bytes(), kTarget ? 104u : 112u);
     free_ex(hundred, a.data());
     EXPECT_EQ(ctl(a.data())->lists[0][kTarget ? 26 : 28], Block::of(hundred));
@@ -128,59 +149,55 @@ TEST(MempoolFigures, HundredByteBlockListAndTwoHundredSearch) {
 
     // A 192-byte free block sits in a list below where malloc(200) starts
     // searching: it is passed over for the block of the search class.
-    Arena b(1 << 16);
-    init_memory_pool(b.size(), b.data());
-    void *x = malloc_ex(192, b.data());
-    void *sep1 = malloc_ex(8, b.data());
-    void *y = malloc_ex(200, b.data());
-    void *sep2 = malloc_ex(8, b.data());
-    ASSERT_TRUE(x && sep1 && y && sep2);
-    free_ex(x, b.data());
+    Pool b(1 << 16);
+    void *q[] = {malloc_ex(192, b.data()), malloc_ex(8, b.data()), malloc_ex(200, b.data()), malloc_ex(8, b.data())};
+    void *y = q[2];
+    ASSERT_TRUE(q[0] && q[1] && q[2] && q[3]);
+    free_ex(q[0], b.data());
     free_ex(y, b.data());
-    int fl, sl;
-    mapping_insert(Block::of(y)->bytes(), &fl, &sl);
-    EXPECT_EQ(fl, 1);
-    EXPECT_EQ(sl, kTarget ? 18 : 20);
+    EXPECT_EQ(class_of(Block::of(y)->bytes()), std::make_pair(1, kTarget ? 18 : 20));
     EXPECT_EQ(malloc_ex(200, b.data()), y);
     EXPECT_TRUE(PoolOk(b.data()));
 }
 
-TEST(MempoolInit, RefusalsPrintTheirLineAndTouchNothing) {
+TEST(MempoolInit, RefusalsTouchNothingAndInitPrintsWhy) {
     Arena a(KERM_MEMPOOL_MIN_REGION + 64);
-    std::vector<uint8_t> before(a.data(), a.data() + a.size());
-    CaptureStdout();
-    EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION - 1, a.data()), static_cast<size_t>(-1));
-    EXPECT_EQ(GetCapturedStdout(), "init_memory_pool (): memory_pool invalid\n");
-    CaptureStdout();
-    EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION, nullptr), static_cast<size_t>(-1));
-    EXPECT_EQ(GetCapturedStdout(), "init_memory_pool (): memory_pool invalid\n");
-    CaptureStdout();
-    EXPECT_EQ(init_memory_pool(KERM_MEMPOOL_MIN_REGION, a.data() + 2), static_cast<size_t>(-1));
-    EXPECT_EQ(GetCapturedStdout(), "init_memory_pool (): mem_pool must be aligned to a word");
-    EXPECT_EQ(0, memcmp(before.data(), a.data(), a.size()));
-}
+    const Snapshot before(a);
+    const struct {
+        size_t size;
+        uint8_t *at;
+        const char *line;
+    } cases[] = {
+        {KERM_MEMPOOL_MIN_REGION - 1, a.data(), "init_memory_pool (): memory_pool invalid\n"},
+        {KERM_MEMPOOL_MIN_REGION, nullptr, "init_memory_pool (): memory_pool invalid\n"},
+        {KERM_MEMPOOL_MIN_REGION, a.data() + 2, "init_memory_pool (): mem_pool must be aligned to a word"},
+    };
+    for (const auto &c : cases) {
+        size_t got = 0;
+        EXPECT_EQ(printed([&] { got = init_memory_pool(c.size, c.at); }), c.line);
+        EXPECT_EQ(got, static_cast<size_t>(-1)) << c.line;
+    }
+    EXPECT_TRUE(before.unchanged());
 
-TEST(MempoolInit, AddAreaRefusals) {
-    Arena a(1 << 14), area(256);
-    init_memory_pool(a.size(), a.data());
-    std::vector<uint8_t> before(a.data(), a.data() + a.size());
-    EXPECT_EQ(add_new_area(nullptr, 256, a.data()), 0u);
+    Pool pool(1 << 14);
+    Arena area(256);
+    const Snapshot pool_before(pool);
+    EXPECT_EQ(add_new_area(nullptr, 256, pool.data()), 0u);
     EXPECT_EQ(add_new_area(area.data(), 256, nullptr), 0u);
-    EXPECT_EQ(add_new_area(area.data() + 2, 250, a.data()), 0u);
-    EXPECT_EQ(add_new_area(area.data(), kRegionOverhead + kMinBlock - 1, a.data()), 0u);
-    EXPECT_EQ(0, memcmp(before.data(), a.data(), a.size()));
+    EXPECT_EQ(add_new_area(area.data() + 2, 250, pool.data()), 0u);
+    EXPECT_EQ(add_new_area(area.data(), kRegionOverhead + kMinBlock - 1, pool.data()), 0u);
+    EXPECT_TRUE(pool_before.unchanged());
     // The smallest area holds exactly one minimum block.
-    EXPECT_EQ(add_new_area(area.data(), kRegionOverhead + kMinBlock, a.data()), kMinBlock);
-    EXPECT_EQ(stats_of(a.data()).regions, 2u);
+    EXPECT_EQ(add_new_area(area.data(), kRegionOverhead + kMinBlock, pool.data()), kMinBlock);
+    EXPECT_EQ(stats_of(pool.data()).regions, 2u);
 }
 
 TEST(MempoolAlloc, BadRequestsChangeNothing) {
-    Arena a(1 << 15);
-    init_memory_pool(a.size(), a.data());
+    Pool a(1 << 15);
     std::vector<void *> keep;
     for (int i = 0; i < 20; ++i) keep.push_back(malloc_ex(64 + 40 * i, a.data()));
     for (int i = 0; i < 20; i += 2) free_ex(keep[i], a.data());
-    std::vector<uint8_t> before(a.data(), a.data() + a.size());
+    const Snapshot before(a);
     const size_t largest = stats_of(a.data()).largest_free;
     EXPECT_EQ(malloc_ex(largest + 1, a.data()), nullptr);
     EXPECT_EQ(malloc_ex(SIZE_MAX, a.data()), nullptr);
@@ -192,49 +209,48 @@ TEST(MempoolAlloc, BadRequestsChangeNothing) {
     EXPECT_EQ(realloc_ex(keep[1], largest * 2, a.data()), nullptr);
     free_ex(nullptr, a.data());
     EXPECT_EQ(malloc_ex(8, nullptr), nullptr);
-    EXPECT_EQ(0, memcmp(before.data(), a.data(), a.size()));
+    EXPECT_TRUE(before.unchanged());
     EXPECT_EQ(get_used_size(a.data()), 0u);
     EXPECT_EQ(get_max_size(a.data()), 0u);
 }
 
 TEST(MempoolAlloc, FreeingNeighboursLeavesOneBlock) {
-    Arena a(1 << 14);
-    const size_t big = init_memory_pool(a.size(), a.data());
+    Pool a(1 << 14);
     void *p[4];
     for (auto &q : p) q = malloc_ex(48, a.data());
-    free_ex(p[1], a.data());
-    free_ex(p[2], a.data());  // merges with p[1]
-    PoolStats st = stats_of(a.data());
-    EXPECT_EQ(st.free_blocks, 2u);  // p[1]+p[2], and the tail
-    free_ex(p[0], a.data());
-    free_ex(p[3], a.data());  // joins everything
-    st = stats_of(a.data());
-    EXPECT_EQ(st.free_blocks, 1u);
-    EXPECT_EQ(st.largest_free, big);
+    // Free blocks after each free: with the tail, until p[3] joins everything.
+    const struct {
+        int i;
+        size_t free_blocks;
+    } steps[] = {{1, 2}, {2, 2}, {0, 2}, {3, 1}};
+    for (const auto &s : steps) {
+        free_ex(p[s.i], a.data());
+        EXPECT_EQ(stats_of(a.data()).free_blocks, s.free_blocks) << "after freeing p[" << s.i << "]";
+    }
+    EXPECT_EQ(stats_of(a.data()).largest_free, a.big);
 }
 
 TEST(MempoolAlloc, SplitsOnlyWhenAHeaderAndAMinimumBlockRemain) {
-    Arena a(1 << 14);
-    init_memory_pool(a.size(), a.data());
+    Pool a(1 << 14);
     void *hole = malloc_ex(64, a.data());
     void *guard = malloc_ex(8, a.data());
     free_ex(hole, a.data());
-    void *p = malloc_ex(64 - kSplitMin, a.data());
-    ASSERT_EQ(p, hole);
-    EXPECT_EQ(Block::of(p)->bytes(), 64 - kSplitMin);
-    EXPECT_EQ(Block::of(p)->next()->bytes(), kMinBlock);
-    EXPECT_TRUE(Block::of(guard)->prev_free());
-    free_ex(p, a.data());
-    p = malloc_ex(64 - kSplitMin + kAlign, a.data());
-    ASSERT_EQ(p, hole);
-    EXPECT_EQ(Block::of(p)->bytes(), 64u);
-    EXPECT_FALSE(Block::of(guard)->prev_free());
-    EXPECT_TRUE(PoolOk(a.data()));
+    for (const bool splits : {true, false}) {
+        const uintptr_t want = 64 - kSplitMin + (splits ? 0 : kAlign);
+        void *p = malloc_ex(want, a.data());
+        ASSERT_EQ(p, hole);
+        EXPECT_EQ(Block::of(p)->bytes(), splits ? want : 64u);
+        EXPECT_EQ(Block::of(guard)->prev_free(), splits);
+        if (splits) {
+            EXPECT_EQ(Block::of(p)->next()->bytes(), kMinBlock);
+        }
+        EXPECT_TRUE(PoolOk(a.data()));
+        free_ex(p, a.data());
+    }
 }
 
 TEST(MempoolAlloc, CallocZeroes) {
-    Arena a(1 << 14);
-    init_memory_pool(a.size(), a.data());
+    Pool a(1 << 14);
     void *dirty = malloc_ex(300, a.data());
     memset(dirty, 0xEE, 300);
     free_ex(dirty, a.data());
@@ -244,8 +260,7 @@ TEST(MempoolAlloc, CallocZeroes) {
 }
 
 TEST(MempoolRealloc, ShrinkGrowInPlaceAndMove) {
-    Arena a(1 << 14);
-    init_memory_pool(a.size(), a.data());
+    Pool a(1 << 14);
     auto *p = static_cast<uint8_t *>(malloc_ex(256, a.data()));
     void *guard = malloc_ex(8, a.data());
     for (int i = 0; i < 256; ++i) p[i] = static_cast<uint8_t>(i);
@@ -258,9 +273,8 @@ TEST(MempoolRealloc, ShrinkGrowInPlaceAndMove) {
     EXPECT_TRUE(PoolOk(a.data()));
 
     // Grow into the free successor, header included: exactly fills it.
-    const uintptr_t whole = 256;
-    EXPECT_EQ(realloc_ex(p, whole, a.data()), p);
-    EXPECT_EQ(Block::of(p)->bytes(), whole);
+    EXPECT_EQ(realloc_ex(p, 256, a.data()), p);
+    EXPECT_EQ(Block::of(p)->bytes(), 256u);
     EXPECT_EQ(Block::of(p)->next(), Block::of(guard));
     EXPECT_FALSE(Block::of(guard)->prev_free());
     EXPECT_TRUE(PoolOk(a.data()));
@@ -283,19 +297,6 @@ TEST(MempoolRealloc, ShrinkGrowInPlaceAndMove) {
     // Size 0 frees.
     EXPECT_EQ(realloc_ex(guard2, 0, a.data()), nullptr);
     EXPECT_TRUE(Block::of(guard2)->is_free() || Block::of(guard2)->prev_free());
-    EXPECT_TRUE(PoolOk(a.data()));
-}
-
-TEST(MempoolRealloc, GrowCountsTheAbsorbedHeader) {
-    Arena a(1 << 14);
-    init_memory_pool(a.size(), a.data());
-    void *p = malloc_ex(64, a.data());
-    void *n = malloc_ex(64, a.data());
-    void *guard = malloc_ex(8, a.data());
-    free_ex(n, a.data());
-    // 64 + 64 + one header fits exactly where p and n were.
-    EXPECT_EQ(realloc_ex(p, 128 + kHdr, a.data()), p);
-    EXPECT_EQ(Block::of(p)->next(), Block::of(guard));
     EXPECT_TRUE(PoolOk(a.data()));
 }
 
@@ -345,9 +346,8 @@ TEST(MempoolRegions, AddedAreasMergeAtEitherEnd) {
 }
 
 TEST(MempoolDiagnostics, ExactLines) {
-    Arena a(1 << 13);
+    Pool a(1 << 13);
     void *pool = a.data();
-    init_memory_pool(a.size(), pool);
     void *used = malloc_ex(24, pool);
     void *freed = malloc_ex(40, pool);
     void *after = malloc_ex(16, pool);
@@ -361,50 +361,40 @@ TEST(MempoolDiagnostics, ExactLines) {
                                      (unsigned long)fb->bytes(), (void *)nullptr, (void *)nullptr));
     EXPECT_EQ(block_line(after), fmt(">> [%p] (%lu bytes, used, prev. free [%p])\n", (void *)ab,
                                      (unsigned long)ab->bytes(), (void *)fb));
-    CaptureStdout();
-    print_block(nullptr);
-    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_EQ(printed([] { print_block(nullptr); }), "");
 
     Block *tail = ab->next();
     Block *sentinel = tail->next();
-    int f1, s1, f2, s2;
-    mapping_insert(fb->bytes(), &f1, &s1);
-    mapping_insert(tail->bytes(), &f2, &s2);
+    const auto [f1, s1] = class_of(fb->bytes());
+    const auto [f2, s2] = class_of(tail->bytes());
     ASSERT_LT(f1, f2);
     std::string want = fmt("\nTLSF at %p\nFL bitmap: 0x%x\n\n", pool, (1u << f1) | (1u << f2));
     want += fmt("SL bitmap 0x%x\n-> [%d][%d]\n", 1u << s1, f1, s1) + block_line(freed);
     want += fmt("SL bitmap 0x%x\n-> [%d][%d]\n", 1u << s2, f2, s2);
     want += fmt(">> [%p] (%lu bytes, free [%p, %p], prev used)\n", (void *)tail, (unsigned long)tail->bytes(),
                 (void *)nullptr, (void *)nullptr);
-    CaptureStdout();
-    print_tlsf(pool);
-    EXPECT_EQ(GetCapturedStdout(), want);
+    EXPECT_EQ(printed([&] { print_tlsf(pool); }), want);
 
     Block *desc = reinterpret_cast<Block *>(a.data() + kReserved);
     std::string all = fmt("\nTLSF at %p\nALL BLOCKS\n\n", pool);
     all += fmt(">> [%p] (%lu bytes, used, prev used)\n", (void *)desc, (unsigned long)kMinBlock);
     for (Block *b = ub; b != sentinel; b = b->next()) all += block_line(b->buffer());
     all += fmt(">> [%p] (sentinel, used, prev. free [%p])\n", (void *)sentinel, (void *)tail);
-    CaptureStdout();
-    print_all_blocks(pool);
-    EXPECT_EQ(GetCapturedStdout(), all);
+    EXPECT_EQ(printed([&] { print_all_blocks(pool); }), all);
 }
 
 TEST(MempoolDiagnostics, DumpRunsToTheWordAfterTheEnd) {
     alignas(16) uint8_t bytes[32];
     for (int i = 0; i < 32; ++i) bytes[i] = static_cast<uint8_t>(i);
     const auto at = reinterpret_cast<unsigned long>(bytes);
-    CaptureStdout();
-    dump_memory_region(bytes + 1, 17);  // from bytes[0] up to bytes[20]
-    EXPECT_EQ(GetCapturedStdout(), fmt("\nMemory region dumped: 0x%lx - 0x%lx\n\n0x%lx "
+    // From bytes[0] up to bytes[20].
+    EXPECT_EQ(printed([&] { dump_memory_region(bytes + 1, 17); }), fmt("\nMemory region dumped: 0x%lx - 0x%lx\n\n0x%lx "
                                        "0001 0203 0405 0607 0809 0a0b 0c0d 0e0f \n0x%lx 1011 1213 \n\n",
                                        at, at + 20, at, at + 16));
 }
 
 TEST(MempoolDefault, LockedEntryPointsUseTheLastInitialisedPool) {
-    Arena a(1 << 14), b(1 << 14);
-    init_memory_pool(a.size(), a.data());
-    init_memory_pool(b.size(), b.data());
+    Pool a(1 << 14), b(1 << 14);
     auto *p = static_cast<uint8_t *>(tlsf_calloc(4, 8));
     ASSERT_NE(p, nullptr);
     EXPECT_TRUE(p > b.data() && p < b.data() + b.size());

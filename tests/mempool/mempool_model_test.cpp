@@ -20,16 +20,6 @@ struct Live {
     uint8_t seed;
 };
 
-void fill(const Live &l) {
-    for (size_t i = 0; i < l.size; ++i) l.p[i] = static_cast<uint8_t>(l.seed + i * 31);
-}
-
-bool intact(const Live &l, size_t upto) {
-    for (size_t i = 0; i < upto; ++i)
-        if (l.p[i] != static_cast<uint8_t>(l.seed + i * 31)) return false;
-    return true;
-}
-
 class MempoolModel : public ::testing::TestWithParam<uint32_t> {
 protected:
     // Layout of the backing memory (in KiB): pool 0-64, area B 64-80 (merges
@@ -60,7 +50,7 @@ protected:
         PoolStats st;
         ASSERT_TRUE(PoolOk(pool, &st));
         ASSERT_EQ(st.used_blocks, live.size());
-        for (const Live &l : live) ASSERT_TRUE(intact(l, l.size)) << "live buffer " << (void *)l.p << " overwritten";
+        for (const Live &l : live) ASSERT_TRUE(stamped(l.p, l.size, l.seed)) << "live buffer " << (void *)l.p << " overwritten";
     }
 
     void step() {
@@ -83,8 +73,8 @@ protected:
             ASSERT_EQ(reinterpret_cast<uintptr_t>(p) % kAlign, 0u);
             ASSERT_GE(Block::of(p)->bytes(), size);
             for (size_t i = 0; zeroed && i < size; ++i) ASSERT_EQ(p[i], 0);
-            live.push_back({p, size, next_seed++});
-            fill(live.back());
+            live.push_back({p, size, next_seed});
+            stamp(p, size, next_seed++);
             return;
         }
         const size_t idx = rng() % live.size();
@@ -113,10 +103,10 @@ protected:
             ASSERT_FALSE(fits);
             return;  // the old block stays as it was
         }
-        ASSERT_TRUE(intact({p, l.size, l.seed}, std::min(l.size, size)));
+        ASSERT_TRUE(stamped(p, std::min(l.size, size), l.seed));
         l.p = p;
         l.size = size;
-        fill(l);
+        stamp(p, size, l.seed);
     }
 };
 

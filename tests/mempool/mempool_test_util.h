@@ -51,6 +51,18 @@ inline uintptr_t granted(size_t size) {
     return r;
 }
 
+// Buffer contents derived from a seed, so a write by anyone else shows.
+template <class T>
+void stamp(T *p, size_t n, uint32_t seed) {
+    for (size_t i = 0; i < n; ++i) p[i] = static_cast<T>(seed + i * 31);
+}
+template <class T>
+bool stamped(const T *p, size_t n, uint32_t seed) {
+    for (size_t i = 0; i < n; ++i)
+        if (p[i] != static_cast<T>(seed + i * 31)) return false;
+    return true;
+}
+
 inline bool under_emulator() {
     const char *e = getenv("KERM_TEST_EMULATOR");
     return e != nullptr && *e != '\0';

@@ -63,14 +63,6 @@ TEST(MempoolThreads, DefaultPoolUnderContention) {
             };
             std::mt19937 rng(1000 + t);
             std::vector<Buf> mine;
-            auto stamp = [](const Buf &b) {
-                for (size_t i = 0; i < b.words; ++i) b.p[i] = b.stamp + uint32_t(i);
-            };
-            auto ok = [](const Buf &b, size_t words) {
-                for (size_t i = 0; i < words; ++i)
-                    if (b.p[i] != b.stamp + uint32_t(i)) return false;
-                return true;
-            };
             uint32_t seq = 0;
             for (int i = 0; i < rounds; ++i) {
                 const uint32_t op = rng() % 10;
@@ -81,18 +73,17 @@ TEST(MempoolThreads, DefaultPoolUnderContention) {
                     if (p == nullptr) continue;
                     ++allocated[t];
                     mine.push_back({static_cast<uint32_t *>(p), words, id});
-                    stamp(mine.back());
+                    stamp(mine.back().p, words, id);
                 } else if (op < 7) {
                     Buf &b = mine[rng() % mine.size()];
                     void *p = tlsf_realloc(b.p, words * 4);
                     if (p == nullptr) continue;
-                    Buf moved{static_cast<uint32_t *>(p), b.words, b.stamp};
-                    if (!ok(moved, std::min(words, b.words))) ++corrupt[t];
-                    b = {moved.p, words, id};
-                    stamp(b);
+                    if (!stamped(static_cast<uint32_t *>(p), std::min(words, b.words), b.stamp)) ++corrupt[t];
+                    b = {static_cast<uint32_t *>(p), words, id};
+                    stamp(b.p, words, id);
                 } else {
                     const size_t k = rng() % mine.size();
-                    if (!ok(mine[k], mine[k].words)) ++corrupt[t];
+                    if (!stamped(mine[k].p, mine[k].words, mine[k].stamp)) ++corrupt[t];
                     tlsf_free(mine[k].p);
                     ++freed[t];
                     mine[k] = mine.back();
@@ -100,7 +91,7 @@ TEST(MempoolThreads, DefaultPoolUnderContention) {
                 }
             }
             for (const Buf &b : mine) {
-                if (!ok(b, b.words)) ++corrupt[t];
+                if (!stamped(b.p, b.words, b.stamp)) ++corrupt[t];
                 tlsf_free(b.p);
                 ++freed[t];
             }
