@@ -2,6 +2,7 @@
 #ifndef KERM_TEST_LF_UTIL_H
 #define KERM_TEST_LF_UTIL_H
 
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -45,6 +46,26 @@ void run_threads(int n, F &&f) {
             f(t);
         });
     for (auto &th : threads) th.join();
+}
+
+// Every value of `threads` x `per_thread` taken exactly once across the
+// lists; with in_order, each list holds each thread's values in the order made.
+inline void expect_each_once(const std::vector<std::vector<void *>> &lists, int threads, int per_thread,
+                             bool in_order) {
+    std::vector<int> seen(threads * per_thread, 0);
+    for (const auto &list : lists) {
+        std::vector<int> last(threads, -1);
+        for (void *x : list) {
+            int t = thread_of(x), s = seq_of(x);
+            ASSERT_TRUE(t >= 0 && t < threads && s >= 0 && s < per_thread) << x;
+            if (in_order) {
+                ASSERT_GT(s, last[t]) << "thread " << t << " out of order";
+            }
+            last[t] = s;
+            ++seen[t * per_thread + s];
+        }
+    }
+    for (size_t i = 0; i < seen.size(); ++i) ASSERT_EQ(seen[i], 1) << "value " << i;
 }
 
 }  // namespace lftest
