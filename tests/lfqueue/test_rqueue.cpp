@@ -10,7 +10,6 @@
 #include <mutex>
 #include <random>
 #include <regex>
-#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -105,16 +104,6 @@ TEST_F(RqueueTest, DestroyHandsEveryHeldValueToTheCallbackOnce) {
     for (uintptr_t i = 1; i <= 3; ++i) ASSERT_EQ(util_rqueue_write(q, v(i)), 0);
     util_rqueue_destroy(q);
     EXPECT_EQ(g_freed, (std::vector<std::pair<void *, void *>>{{v(1), nullptr}, {v(2), nullptr}, {v(3), nullptr}}));
-
-    // A value dropped by an overwrite but not yet handed over is freed too.
-    g_freed.clear();
-    q = util_rqueue_create(3, UTIL_RQUEUE_MODE_OVERWRITE);
-    util_rqueue_set_free_value_callback(q, record_freed);
-    for (uintptr_t i = 1; i <= 4; ++i) ASSERT_EQ(util_rqueue_write(q, v(i)), 0);
-    util_rqueue_destroy(q);
-    std::multiset<void *> freed;
-    for (auto &f : g_freed) freed.insert(f.first);
-    EXPECT_EQ(freed, (std::multiset<void *>{v(1), v(2), v(3), v(4)}));
 }
 
 TEST_F(RqueueTest, StatsTextNamesPagesCountersAndMode) {
