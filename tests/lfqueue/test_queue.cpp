@@ -3,9 +3,7 @@
 // at both ends (every value popped exactly once, count exact), and recorded
 // histories checked for linearizability.
 #include <gtest/gtest.h>
-#include <sched.h>
 
-#include <atomic>
 #include <random>
 #include <vector>
 
@@ -169,23 +167,9 @@ TEST(QueueThreadedTest, SameEndAndOppositeEndsPassEveryValueOnce) {
     const int per_pusher = lftest::scaled(20000);
     for (bool opposite : {false, true}) {
         util_queue_t *q = util_queue_create();
-        std::atomic<int> taken{0};
-        std::vector<std::vector<void *>> popped(4);
-        lftest::run_threads(4, [&](int t) {
-            if (t < 2) {
-                for (int i = 0; i < per_pusher; ++i) util_queue_push_left(q, value_of(t, i));
-                return;
-            }
-            while (taken.load() < 2 * per_pusher) {
-                void *x = opposite ? util_queue_pop_right(q) : util_queue_pop_left(q);
-                if (!x) {
-                    sched_yield();
-                    continue;
-                }
-                popped[t].push_back(x);
-                taken.fetch_add(1);
-            }
-        });
+        auto popped = lftest::pass_through(
+            per_pusher, [&](void *x) { return util_queue_push_left(q, x); },
+            [&] { return opposite ? util_queue_pop_right(q) : util_queue_pop_left(q); });
         EXPECT_EQ(util_queue_count(q), 0u);
         lftest::expect_each_once(popped, 2, per_pusher, opposite);
         util_queue_destroy(q);

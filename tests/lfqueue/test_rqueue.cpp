@@ -2,7 +2,6 @@
 // free-value callback, and concurrent writers and readers (every value read
 // exactly once; histories checked for linearizability).
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <stdlib.h>
 
 #include <atomic>
@@ -160,23 +159,8 @@ TEST_F(RqueueTest, ShapeAndRefusedInputs) {
 TEST_F(RqueueTest, ThreadedWritersAndReadersPassEveryValueOnce) {
     const int per_writer = lftest::scaled(20000);
     util_rqueue_t *q = util_rqueue_create(16, UTIL_RQUEUE_MODE_BLOCKING);
-    std::atomic<int> consumed{0};
-    std::vector<std::vector<void *>> got(2);
-    lftest::run_threads(4, [&](int t) {
-        if (t < 2) {
-            for (int i = 0; i < per_writer; ++i)
-                while (util_rqueue_write(q, value_of(t, i)) != 0) sched_yield();
-        } else {
-            while (consumed.load() < 2 * per_writer) {
-                if (void *x = util_rqueue_read(q)) {
-                    got[t - 2].push_back(x);
-                    consumed.fetch_add(1);
-                } else {
-                    sched_yield();  // two cores: let the writers run
-                }
-            }
-        }
-    });
+    auto got = lftest::pass_through(
+        per_writer, [&](void *x) { return util_rqueue_write(q, x); }, [&] { return util_rqueue_read(q); });
     lftest::expect_each_once(got, 2, per_writer, true);
     EXPECT_EQ(util_rqueue_write_count(q), static_cast<uint64_t>(2 * per_writer));
     EXPECT_EQ(util_rqueue_read_count(q), static_cast<uint64_t>(2 * per_writer));
