@@ -11,9 +11,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <random>
 #include <string>
 #include <unordered_set>
 #include <vector>
+
+#include "lf_test_util.h"
 
 namespace lincheck {
 
@@ -191,6 +194,24 @@ inline bool check(const std::vector<Op> &ops, const Model &model) {
         }
     }
     return true;
+}
+
+// Records `rounds` short histories of three threads on one queue, emptied
+// by drain() before each; every thread makes 70 calls of step(rec, thread,
+// rng, i). Returns the first history no order explains (empty: all pass).
+template <class Drain, class Step>
+std::vector<Op> first_unexplained(int rounds, unsigned seed, const Model &model, Drain &&drain, Step &&step) {
+    for (int round = 0; round < rounds; ++round) {
+        drain();
+        Recorder rec(3);
+        lftest::run_threads(3, [&](int t) {
+            std::mt19937 rng(seed + round * 3 + t);
+            for (int i = 0; i < 70; ++i) step(rec, t, rng, i);
+        });
+        auto history = rec.history();
+        if (!check(history, model)) return history;
+    }
+    return {};
 }
 
 }  // namespace lincheck

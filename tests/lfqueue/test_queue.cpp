@@ -3,9 +3,7 @@
 // at both ends (every value popped exactly once, count exact), and recorded
 // histories checked for linearizability.
 #include <gtest/gtest.h>
-#include <sched.h>
 
-#include <atomic>
 #include <random>
 #include <vector>
 
@@ -138,18 +136,6 @@ TEST(QueueEdgeTest, NullQueueIsRefusedOrIgnored) {
     util_queue_destroy(nullptr);
 }
 
-// Every value pushed is popped exactly once, whatever mix of ends.
-void expect_each_once(const std::vector<std::vector<void *>> &popped, int threads, int per_thread) {
-    std::vector<int> seen(threads * per_thread, 0);
-    for (const auto &list : popped)
-        for (void *x : list) {
-            int t = lftest::thread_of(x), s = lftest::seq_of(x);
-            ASSERT_TRUE(t >= 0 && t < threads && s >= 0 && s < per_thread) << x;
-            ++seen[t * per_thread + s];
-        }
-    for (size_t i = 0; i < seen.size(); ++i) ASSERT_EQ(seen[i], 1) << "value " << i;
-}
-
 // Four threads push and pop at random ends of a queue that stays short, so
 // pushes and pops meet at the same end and pops at both ends meet on
 // neighbouring entries; what is left is drained at the end.
@@ -171,7 +157,7 @@ TEST(QueueThreadedTest, MixedEndsKeepEveryValueOnce) {
     EXPECT_EQ(util_queue_count(q), threads * per_thread - in_lists);
     while (void *x = util_queue_pop_right(q)) popped[threads].push_back(x);
     EXPECT_EQ(util_queue_count(q), 0u);
-    expect_each_once(popped, threads, per_thread);
+    lftest::expect_each_once(popped, threads, per_thread, false);
     util_queue_destroy(q);
 }
 
@@ -181,72 +167,30 @@ TEST(QueueThreadedTest, SameEndAndOppositeEndsPassEveryValueOnce) {
     const int per_pusher = lftest::scaled(20000);
     for (bool opposite : {false, true}) {
         util_queue_t *q = util_queue_create();
-        std::atomic<int> taken{0};
-        std::vector<std::vector<void *>> popped(4);
-        lftest::run_threads(4, [&](int t) {
-            if (t < 2) {
-                for (int i = 0; i < per_pusher; ++i) util_queue_push_left(q, value_of(t, i));
-                return;
-            }
-            while (taken.load() < 2 * per_pusher) {
-                void *x = opposite ? util_queue_pop_right(q) : util_queue_pop_left(q);
-                if (!x) {
-                    sched_yield();
-                    continue;
-                }
-                popped[t].push_back(x);
-                taken.fetch_add(1);
-            }
-        });
+        auto popped = lftest::pass_through(
+            per_pusher, [&](void *x) { return util_queue_push_left(q, x); },
+            [&] { return opposite ? util_queue_pop_right(q) : util_queue_pop_left(q); });
         EXPECT_EQ(util_queue_count(q), 0u);
-        expect_each_once(popped, 2, per_pusher);
-        if (opposite) {
-            for (auto &list : popped) {
-                int last[2] = {-1, -1};
-                for (void *x : list) {
-                    ASSERT_GT(lftest::seq_of(x), last[lftest::thread_of(x)]);
-                    last[lftest::thread_of(x)] = lftest::seq_of(x);
-                }
-            }
-        }
+        lftest::expect_each_once(popped, 2, per_pusher, opposite);
         util_queue_destroy(q);
     }
 }
 
 // Short histories of three threads doing random operations at random ends.
 TEST(QueueThreadedTest, HistoriesAreLinearizable) {
-    const int rounds = lftest::scaled(400), ops_per_thread = 70;
     util_queue_t *q = util_queue_create();
-    for (int round = 0; round < rounds; ++round) {
-        while (util_queue_pop_left(q)) {
-        }
-        lincheck::Recorder rec(3);
-        lftest::run_threads(3, [&](int t) {
-            std::mt19937 rng(1000 + round * 3 + t);
-            for (int i = 0; i < ops_per_thread; ++i) {
-                void *x = value_of(t, i);
-                switch (rng() % 4) {
-                case 0:
-                    rec.run(t, lincheck::kPushLeft, reinterpret_cast<uintptr_t>(x),
-                            [&] { return util_queue_push_left(q, x); });
-                    break;
-                case 1:
-                    rec.run(t, lincheck::kPushRight, reinterpret_cast<uintptr_t>(x),
-                            [&] { return util_queue_push_right(q, x); });
-                    break;
-                case 2:
-                    rec.run(t, lincheck::kPopLeft, 0, [&] { return reinterpret_cast<intptr_t>(util_queue_pop_left(q)); });
-                    break;
-                default:
-                    rec.run(t, lincheck::kPopRight, 0,
-                            [&] { return reinterpret_cast<intptr_t>(util_queue_pop_right(q)); });
-                }
+    auto bad = lincheck::first_unexplained(
+        lftest::scaled(400), 1000, lincheck::Model{}, [&] { while (util_queue_pop_left(q)) {} },
+        [&](lincheck::Recorder &rec, int t, std::mt19937 &rng, int i) {
+            uintptr_t x = reinterpret_cast<uintptr_t>(value_of(t, i));
+            switch (rng() % 4) {
+            case 0: rec.run(t, lincheck::kPushLeft, x, [&] { return util_queue_push_left(q, (void *)x); }); break;
+            case 1: rec.run(t, lincheck::kPushRight, x, [&] { return util_queue_push_right(q, (void *)x); }); break;
+            case 2: rec.run(t, lincheck::kPopLeft, 0, [&] { return (intptr_t)util_queue_pop_left(q); }); break;
+            default: rec.run(t, lincheck::kPopRight, 0, [&] { return (intptr_t)util_queue_pop_right(q); });
             }
         });
-        auto history = rec.history();
-        ASSERT_TRUE(lincheck::check(history, lincheck::Model{}))
-            << "round " << round << ", history:\n" << lincheck::format(history);
-    }
+    EXPECT_TRUE(bad.empty()) << lincheck::format(bad);
     util_queue_destroy(q);
 }
 
